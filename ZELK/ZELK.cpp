@@ -1,0 +1,228 @@
+// The exported C interface.  Each function is a thin, defensive shell: it
+// checks its arguments and whether the engine runs, calls into the engine's
+// singletons, and maps the outcome to a status code.  No exception crosses
+// this boundary: Guarded() turns any into ZELK_STATUS_FAILURE.
+#define ZELK_LOG_FILE "ZELK/ZELK"
+#include "ZELK.h"
+
+#include <exception>
+#include <new>
+
+#include "ZELKEventAbstraction.h"
+#include "ZELKLogger.h"
+#include "ZELKStats.h"
+#include "zelk.h"
+
+extern "C" {
+__attribute__((visibility("default"))) ZELKEngine* engine = nullptr;
+__attribute__((visibility("default"))) ZELKConfig config;
+}
+
+namespace {
+// Runs `body` and converts an escaping exception into a logged failure, so a
+// fault inside the engine never unwinds into the host.
+template <typename Body>
+uint32_t Guarded(const char* function, Body&& body) noexcept {
+    try {
+        return body();
+    } catch (const std::bad_alloc&) {
+        ZELKLogger::GetInstance().Log(ZLOG_ERROR, function, ZELK_LOG_FILE, __LINE__,
+                                      "out of memory");
+    } catch (const std::exception& e) {
+        ZELKLogger::GetInstance().Log(ZLOG_ERROR, function, ZELK_LOG_FILE, __LINE__,
+                                      "unexpected exception: %s", e.what());
+    } catch (...) {
+        ZELKLogger::GetInstance().Log(ZLOG_ERROR, function, ZELK_LOG_FILE, __LINE__,
+                                      "unexpected exception");
+    }
+    return ZELK_STATUS_FAILURE;
+}
+
+uint32_t NotAvailable(const char* function) {
+    ZELKLogger::GetInstance().Log(ZLOG_ERROR, function, ZELK_LOG_FILE, __LINE__,
+                                  "the policy store is not available in this build");
+    return ZELK_STATUS_FAILURE;
+}
+}  // namespace
+
+extern "C" {
+
+uint32_t engine_start(const ac_engine_start_s* start) {
+    return Guarded(__func__, [&]() -> uint32_t {
+        if (start == nullptr) {
+            return ZELK_STATUS_NO_START;
+        }
+        if (ZELKLogger::GetInstance().InitLogger(start->logCallback, start->logMask) != 0) {
+            return ZELK_STATUS_LOGGER_FAILED;
+        }
+        if (engine == nullptr) {
+            engine = new ZELKEngine();
+        }
+        return ZELK_STATUS_SUCCESS;
+    });
+}
+
+uint32_t engine_stop(void) {
+    return Guarded(__func__, [&]() -> uint32_t {
+        if (engine == nullptr) {
+            return ZELK_STATUS_SUCCESS;
+        }
+        ZTRACE("Engine Stop");
+        ZELKEngine* stopping = engine;
+        engine = nullptr;
+        delete stopping;
+        ZTRACE("Shutting down DAL for AC Engine");
+        return ZELK_STATUS_SUCCESS;
+    });
+}
+
+uint32_t app_ctl(ac_wrapper_event_s* event, ac_wrapper_response_s* response) {
+    return Guarded(__func__, [&]() -> uint32_t {
+        if (event == nullptr) {
+            return ZELK_STATUS_NO_EVENT;
+        }
+        if (engine == nullptr) {
+            return ZELK_STATUS_NOT_STARTED;
+        }
+        engine->ProcessEvent(event, response);
+        if (response == nullptr) {
+            return ZELK_STATUS_SUCCESS;
+        }
+        if (response->action == AC_ACTION_BLOCK) {
+            if (config.GetManifestApplied()) {
+                ZWARNING("Blocking event: '%s'", event->name ? event->name : "");
+                return ZELK_STATUS_BLOCKED;
+            }
+            // An upgrade waits for its manifest: blocks decided on older rules
+            // are reported but not enforced.
+            ZELKStats& stats = ZELKStats::GetStats();
+            stats.Inc("ALLOWED_WAITING_FOR_MANIFEST");
+            ZTRACE("Allowed waiting for manifest %d",
+                   static_cast<int>(stats.Get("ALLOWED_WAITING_FOR_MANIFEST")));
+        }
+        if (response->action == AC_ACTION_ERROR) {
+            return ZELK_STATUS_FAILURE;
+        }
+        return ZELK_STATUS_SUCCESS;
+    });
+}
+
+uint32_t set_config(unsigned flags, unsigned long autoAuthorizeStartTime,
+                    unsigned long autoAuthorizeEndTime) {
+    (void)flags;
+    (void)autoAuthorizeStartTime;
+    (void)autoAuthorizeEndTime;
+    return Guarded(__func__, [&]() -> uint32_t {
+        if (engine == nullptr) {
+            return ZELK_STATUS_NOT_STARTED;
+        }
+        return NotAvailable(__func__);
+    });
+}
+
+uint32_t set_loglevel(unsigned mask) {
+    return Guarded(__func__, [&]() -> uint32_t {
+        if (engine == nullptr) {
+            return ZELK_STATUS_NOT_STARTED;
+        }
+        ZELKLogger::GetInstance().SetLogMask(mask);
+        return ZELK_STATUS_SUCCESS;
+    });
+}
+
+uint32_t get_metrics_mem(char* buffer, unsigned* size) {
+    return Guarded(__func__, [&]() -> uint32_t {
+        if (engine == nullptr) {
+            return ZELK_STATUS_NOT_STARTED;
+        }
+        return ZELKStats::GetStats().GetMetrics(buffer, size);
+    });
+}
+
+uint32_t delete_db(void) {
+    return Guarded(__func__, [&]() -> uint32_t {
+        if (engine == nullptr) {
+            return ZELK_STATUS_NOT_STARTED;
+        }
+        return NotAvailable(__func__);
+    });
+}
+
+uint32_t purge_db(unsigned source) {
+    (void)source;
+    return Guarded(__func__, [&]() -> uint32_t {
+        if (engine == nullptr) {
+            return ZELK_STATUS_NOT_STARTED;
+        }
+        return NotAvailable(__func__);
+    });
+}
+
+uint32_t flush_db_buffer(void) {
+    return Guarded(__func__, [&]() -> uint32_t {
+        if (engine == nullptr) {
+            return ZELK_STATUS_NOT_STARTED;
+        }
+        return NotAvailable(__func__);
+    });
+}
+
+uint32_t store_item(ac_db_item_s* item, bool buffered) {
+    (void)buffered;
+    return Guarded(__func__, [&]() -> uint32_t {
+        if (engine == nullptr) {
+            return ZELK_STATUS_NOT_STARTED;
+        }
+        if (item == nullptr || item->fileName == nullptr || item->path == nullptr ||
+            item->nativePath == nullptr || item->ruleset == nullptr) {
+            return ZELK_STATUS_BAD_ITEM;
+        }
+        return NotAvailable(__func__);
+    });
+}
+
+uint32_t set_ruleset(bool flag, const char* path, const char* name) {
+    (void)flag;
+    (void)name;
+    return Guarded(__func__, [&]() -> uint32_t {
+        if (engine == nullptr) {
+            return ZELK_STATUS_NOT_STARTED;
+        }
+        if (path == nullptr) {
+            return ZELK_STATUS_BAD_PATH;
+        }
+        return NotAvailable(__func__);
+    });
+}
+
+uint32_t set_ruleset_buffer(bool flag, const char* buffer, const char* name) {
+    (void)flag;
+    return Guarded(__func__, [&]() -> uint32_t {
+        if (buffer == nullptr || name == nullptr) {
+            return ZELK_STATUS_NO_BUFFER;
+        }
+        if (engine == nullptr) {
+            return ZELK_STATUS_NOT_STARTED;
+        }
+        return NotAvailable(__func__);
+    });
+}
+
+uint32_t get_inventory(unsigned long fromItemId, unsigned long limit, unsigned source,
+                       const char* first, const char* second) {
+    (void)fromItemId;
+    (void)limit;
+    (void)source;
+    (void)second;
+    return Guarded(__func__, [&]() -> uint32_t {
+        if (first == nullptr) {
+            return ZELK_STATUS_BAD_PATH;
+        }
+        if (engine == nullptr) {
+            return ZELK_STATUS_NOT_STARTED;
+        }
+        return NotAvailable(__func__);
+    });
+}
+
+}  // extern "C"
