@@ -1,8 +1,8 @@
 #include "ZELKEvent.h"
 
 const char* const IssuerMetaArrayUtil::kLower[kCount] = {"issuerCN", "issuerC", "issuerS",
-                                                        "issuerL",  "issuerO", "issuerOU"};
+                                                         "issuerL",  "issuerO", "issuerOU"};
 const char* const IssuerMetaArrayUtil::kCapital[kCount] = {"IssuerCN", "IssuerC", "IssuerS",
-                                                          "IssuerL",  "IssuerO", "IssuerOU"};
+                                                           "IssuerL",  "IssuerO", "IssuerOU"};
 const char* const IssuerMetaArrayUtil::kBind[kCount] = {":issuerCN", ":issuerC", ":issuerS",
-                                                       ":issuerL",  ":issuerO", ":issuerOU"};
+                                                        ":issuerL",  ":issuerO", ":issuerOU"};

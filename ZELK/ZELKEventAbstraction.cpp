@@ -27,7 +27,9 @@ void TrimTrailingSpaces(std::string& text) {
 ZELKEngine::ZELKEngine() = default;
 ZELKEngine::~ZELKEngine() = default;
 
-ZELKEngine* ZELKEngine::GetEngine() { return engine; }
+ZELKEngine* ZELKEngine::GetEngine() {
+    return engine;
+}
 
 uint32_t ZELKEngine::ProcessEvent(ac_wrapper_event_s* in, ac_wrapper_response_s* response) {
     ac_event event;
@@ -105,8 +107,7 @@ void ZELKEngine::ConvertEvent(const ac_wrapper_event_s* in, ac_event& out) {
     }
     for (int i = 0; i < IssuerMetaArrayUtil::kCount; ++i) {
         if (in->fileIssuer[i] != nullptr) {
-            ZTRACE("file%s from plugin:'%s'", IssuerMetaArrayUtil::kCapital[i],
-                   in->fileIssuer[i]);
+            ZTRACE("file%s from plugin:'%s'", IssuerMetaArrayUtil::kCapital[i], in->fileIssuer[i]);
             out.fileIssuer[i].assign(in->fileIssuer[i]);
         }
     }

@@ -14,7 +14,7 @@
 #include "zelk.h"
 
 class ZELKEngine {
-public:
+  public:
     ZELKEngine();
     ~ZELKEngine();
     ZELKEngine(const ZELKEngine&) = delete;

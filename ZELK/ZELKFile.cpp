@@ -60,9 +60,15 @@ size_t filewrite(ac_file_s* f, const void* buf, size_t len) {
     return AfterTransfer(f, write(f->fd, buf, len));
 }
 
-bool fileok(ac_file_s f) { return f.error == 0; }
-bool fileend(ac_file_s f) { return f.fd < 0; }
-int fileerror(ac_file_s f) { return f.error; }
+bool fileok(ac_file_s f) {
+    return f.error == 0;
+}
+bool fileend(ac_file_s f) {
+    return f.fd < 0;
+}
+int fileerror(ac_file_s f) {
+    return f.error;
+}
 
 void fileclose(ac_file_s* f) {
     if (f->fd >= 0) {
@@ -86,7 +92,15 @@ uint64_t convertTimeToMillis(uint64_t t) {
     return t / 1000;
 }
 
-bool VerifyCert(std::string /*path*/) { return true; }
-bool IsFileExecutable(ac_event& evt) { return evt.isexec != 0; }
-bool IsProcessAlive(unsigned long /*pid*/) { return false; }
-bool ScanFile(ac_event& /*evt*/) { return true; }
+bool VerifyCert(std::string /*path*/) {
+    return true;
+}
+bool IsFileExecutable(ac_event& evt) {
+    return evt.isexec != 0;
+}
+bool IsProcessAlive(unsigned long /*pid*/) {
+    return false;
+}
+bool ScanFile(ac_event& /*evt*/) {
+    return true;
+}

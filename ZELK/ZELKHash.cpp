@@ -8,7 +8,7 @@ const char kHexDigits[] = "0123456789abcdef";
 // Indexed by (c & 0x1f) ^ 0x10: '0'..'9' land on 0..9, 'a'..'f' and 'A'..'F'
 // on 17..22.  Any other character reads whatever its slot holds, which keeps
 // the decoder branch-free and total for arbitrary input.
-const unsigned char kHexValue[32] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 0,  0,  0,  0,  0,  0,
+const unsigned char kHexValue[32] = {0, 1,  2,  3,  4,  5,  6,  7, 8, 9, 0, 0, 0, 0, 0, 0,
                                      0, 10, 11, 12, 13, 14, 15, 0, 0, 0, 0, 0, 0, 0, 0, 0};
 
 unsigned char HexValue(char c) {
@@ -67,8 +67,8 @@ void SHA256Hash::SetHash(std::string hexText) {
     m_Text = std::move(hexText);
     const size_t pairs = std::min<size_t>(m_Text.size() / 2, SHA256);
     for (size_t i = 0; i < pairs; ++i) {
-        m_Bytes[i] = static_cast<unsigned char>(HexValue(m_Text[2 * i]) * 16 +
-                                                HexValue(m_Text[2 * i + 1]));
+        m_Bytes[i] =
+            static_cast<unsigned char>(HexValue(m_Text[2 * i]) * 16 + HexValue(m_Text[2 * i + 1]));
     }
 }
 

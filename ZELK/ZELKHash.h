@@ -9,7 +9,7 @@
 #include <string>
 
 class Hash {
-public:
+  public:
     // The value of each kind is its digest length in bytes.
     enum HashType : unsigned { MD5 = 16, SHA1 = 20, SHA256 = 32 };
 
@@ -34,7 +34,7 @@ public:
     // Writes `length` bytes as lowercase hex into `out` (two digits a byte).
     static void ToHex(const unsigned char* bytes, size_t length, std::string& out);
 
-protected:
+  protected:
     // Replaces the digest with `length` bytes copied from `bytes`.
     void Assign(const unsigned char* bytes, unsigned length);
 
@@ -44,17 +44,17 @@ protected:
 };
 
 class MD5Hash : public Hash {
-public:
+  public:
     explicit MD5Hash(const char* bytes = nullptr) : Hash(MD5, bytes) {}
 };
 
 class SHA1Hash : public Hash {
-public:
+  public:
     explicit SHA1Hash(const char* bytes = nullptr) : Hash(SHA1, bytes) {}
 };
 
 class SHA256Hash : public Hash {
-public:
+  public:
     explicit SHA256Hash(const char* bytes = nullptr) : Hash(SHA256, bytes) {}
 
     // Decodes 64 hex characters into the 32 bytes and keeps `hexText` exactly

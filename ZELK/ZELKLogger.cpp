@@ -97,8 +97,8 @@ void ZELKLogger::Log(int level, const char* function, const char* file, int line
 
     Callback callback = m_Callback.load(std::memory_order_acquire);
     if (callback != nullptr) {
-        callback(static_cast<unsigned>(level), static_cast<unsigned>(line), function, file,
-                 message, static_cast<unsigned>(strlen(message)));
+        callback(static_cast<unsigned>(level), static_cast<unsigned>(line), function, file, message,
+                 static_cast<unsigned>(strlen(message)));
         return;
     }
 

@@ -19,7 +19,7 @@ enum ZELKLogLevel : unsigned {
 };
 
 class ZELKLogger {
-public:
+  public:
     using Callback = ac_log_callback_t;
 
     // The singleton, created on first use and destroyed at process exit.
@@ -38,8 +38,8 @@ public:
     }
 
     // printf-style; messages longer than 1023 bytes are cut.
-    void Log(int level, const char* function, const char* file, int line, const char* format,
-             ...) __attribute__((format(printf, 6, 7)));
+    void Log(int level, const char* function, const char* file, int line, const char* format, ...)
+        __attribute__((format(printf, 6, 7)));
 
     void SetLogMask(unsigned mask) { m_LogMask.store(mask, std::memory_order_relaxed); }
     unsigned GetLogMask() const { return m_LogMask.load(std::memory_order_relaxed); }
@@ -57,7 +57,7 @@ public:
     ZELKLogger(const ZELKLogger&) = delete;
     ZELKLogger& operator=(const ZELKLogger&) = delete;
 
-private:
+  private:
     ZELKLogger() = default;
     ~ZELKLogger();
 
@@ -75,10 +75,10 @@ private:
 // Every source file defines ZELK_LOG_FILE (the module text the host sees, e.g.
 // "ZELK/ZELKQuery") before including this header.  The macros supply the
 // function name and line and cost one mask test when the level is off.
-#define ZELK_LOG(level, ...)                                                    \
-    do {                                                                        \
-        ZELKLogger& zelkLogger_ = ZELKLogger::GetInstance();                    \
-        if (zelkLogger_.IsEnabled(level))                                       \
+#define ZELK_LOG(level, ...)                                                          \
+    do {                                                                              \
+        ZELKLogger& zelkLogger_ = ZELKLogger::GetInstance();                          \
+        if (zelkLogger_.IsEnabled(level))                                             \
             zelkLogger_.Log((level), __func__, ZELK_LOG_FILE, __LINE__, __VA_ARGS__); \
     } while (0)
 

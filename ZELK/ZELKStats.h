@@ -7,7 +7,7 @@
 #include <string>
 
 class ZELKStats {
-public:
+  public:
     // Typed counter groups, each reported under its own key.
     enum Group : int {
         GROUP_DRIFT_EXTENSIONS = 1,      // "DriftUnknownExtensions"
@@ -40,7 +40,7 @@ public:
     ZELKStats(const ZELKStats&) = delete;
     ZELKStats& operator=(const ZELKStats&) = delete;
 
-private:
+  private:
     using Counters = std::map<std::string, long>;
     ZELKStats() = default;
     // Returns the map of a typed group, or null for an unknown type.

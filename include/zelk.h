@@ -107,8 +107,7 @@ extern "C" {
  * return value is ignored.
  */
 typedef int (*ac_log_callback_t)(unsigned level, unsigned line, const char* function,
-                                 const char* file, const char* message,
-                                 unsigned messageLength);
+                                 const char* file, const char* message, unsigned messageLength);
 
 /* Start record for engine_start().  Only dbPath, logMask and logCallback are
  * read; the reserved fields belong to the host. */
@@ -130,7 +129,7 @@ typedef struct ac_wrapper_event_s {
     uint64_t reserved0;
     uint64_t pid;
     uint64_t passThrough1;
-    uint64_t flags; /* open flags; O_CREAT|O_TRUNC are tested */
+    uint64_t flags;  /* open flags; O_CREAT|O_TRUNC are tested */
     uint64_t result; /* 0: the operation succeeded (post events) */
     uint64_t passThrough2;
     uint64_t size;
@@ -215,8 +214,8 @@ ZELK_EXPORT uint32_t flush_db_buffer(void);
 ZELK_EXPORT uint32_t store_item(ac_db_item_s* item, bool buffered);
 ZELK_EXPORT uint32_t set_ruleset(bool flag, const char* path, const char* name);
 ZELK_EXPORT uint32_t set_ruleset_buffer(bool flag, const char* buffer, const char* name);
-ZELK_EXPORT uint32_t get_inventory(unsigned long fromItemId, unsigned long limit,
-                                   unsigned source, const char* first, const char* second);
+ZELK_EXPORT uint32_t get_inventory(unsigned long fromItemId, unsigned long limit, unsigned source,
+                                   const char* first, const char* second);
 
 #ifdef __cplusplus
 } /* extern "C" */

@@ -49,7 +49,7 @@ struct LogRecord {
 
 // Collects log records from the engine's callback (thread-safe).
 class LogCapture {
-public:
+  public:
     static LogCapture& Get() {
         static LogCapture capture;
         return capture;
@@ -92,7 +92,7 @@ public:
         return n;
     }
 
-private:
+  private:
     std::mutex m_Mutex;
     std::vector<LogRecord> m_Records;
 };

@@ -72,8 +72,8 @@ int main(int argc, char** argv) {
         {"mapping", ZELK_EVENT_MMAP_PRE, "/usr/bin/ls", "/usr/lib/libc.so.6", 0, 0},
         {"delete", ZELK_EVENT_DELETE_POST, "/usr/bin/rm", "/opt/tool/bin/tool", 0, 0},
     };
-    printf("%-14s %-18s %-22s %-12s %-6s %s\n", "event", "process", "target", "verdict",
-           "type", "status");
+    printf("%-14s %-18s %-22s %-12s %-6s %s\n", "event", "process", "target", "verdict", "type",
+           "status");
     for (const DemoEvent& e : events) {
         ac_wrapper_event_s event;
         memset(&event, 0, sizeof(event));
