@@ -1,0 +1,236 @@
+// The allow cache and the process cache: counters after known sequences, the
+// target limit, pid reuse, and consistency under concurrent use.
+#include <cjson/cJSON.h>
+#include <gtest/gtest.h>
+
+#include <map>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ZELKAllowCache.h"
+#include "ZELKProcessCache.h"
+
+namespace {
+
+using Metrics = std::map<std::string, double>;
+
+// The "AllowCache" object as name → value, with its key order.
+Metrics ReadMetrics(ZELKAllowCache& cache, std::vector<std::string>* order = nullptr) {
+    std::unique_ptr<cJSON, decltype(&cJSON_Delete)> root(cJSON_CreateObject(), cJSON_Delete);
+    cache.GetMetrics(root.get());
+    cJSON* object = cJSON_GetObjectItemCaseSensitive(root.get(), "AllowCache");
+    EXPECT_NE(object, nullptr);
+    Metrics values;
+    cJSON* item = nullptr;
+    cJSON_ArrayForEach(item, object) {
+        values[item->string] = item->valuedouble;
+        if (order != nullptr) {
+            order->push_back(item->string);
+        }
+    }
+    return values;
+}
+
+TEST(AllowCache, CountersFollowAddLookupRemove) {
+    ZELKAllowCache cache;
+    cache.AddCacheNode("root", "/bin/bash", "/usr/bin/ls");
+    cache.AddCacheNode("root", "/bin/bash", "/usr/bin/ls");  // same triple: nothing
+    Metrics m = ReadMetrics(cache);
+    EXPECT_EQ(m["Add"], 1);
+    EXPECT_EQ(m["Change"], 0);
+    EXPECT_EQ(m["mapSize"], 1);
+    EXPECT_EQ(m["maxDepth"], 1);
+
+    cache.AddCacheNode("alice", "/bin/bash", "/usr/bin/ls");  // second user
+    cache.AddCacheNode("root", "/bin/sh", "/usr/bin/ls");     // second process
+    m = ReadMetrics(cache);
+    EXPECT_EQ(m["Add"], 1);
+    EXPECT_EQ(m["Change"], 2);
+    EXPECT_EQ(m["maxDepth"], 2);
+    EXPECT_EQ(m["mapSize"], 1);
+
+    EXPECT_TRUE(cache.IsCached("alice", "/bin/bash", "/usr/bin/ls"));
+    EXPECT_TRUE(cache.IsCached("root", "/bin/sh", "/usr/bin/ls"));
+    EXPECT_FALSE(cache.IsCached("root", "/bin/bash", "/usr/bin/cat"));  // target
+    EXPECT_FALSE(cache.IsCached("root", "/bin/zsh", "/usr/bin/ls"));    // process
+    EXPECT_FALSE(cache.IsCached("alice", "/bin/sh", "/usr/bin/ls"));    // user
+    m = ReadMetrics(cache);
+    EXPECT_EQ(m["Hit"], 2);
+    EXPECT_EQ(m["Miss"], 3);
+    EXPECT_EQ(m["targetMiss"], 1);
+    EXPECT_EQ(m["processMiss"], 1);
+    EXPECT_EQ(m["userMiss"], 1);
+
+    cache.RemoveCacheNode("/usr/bin/cat");
+    m = ReadMetrics(cache);
+    EXPECT_EQ(m["removeMiss"], 1);
+    EXPECT_EQ(m["removeHit"], 0);
+    EXPECT_EQ(m["mapSize"], 1);
+
+    cache.RemoveCacheNode("/usr/bin/ls");  // drops every process and user below
+    EXPECT_FALSE(cache.IsCached("alice", "/bin/bash", "/usr/bin/ls"));
+    m = ReadMetrics(cache);
+    EXPECT_EQ(m["removeHit"], 1);
+    EXPECT_EQ(m["mapSize"], 0);
+}
+
+TEST(AllowCache, FlushZeroesAllButClearInFixedKeyOrder) {
+    ZELKAllowCache cache;
+    cache.AddCacheNode("u", "p", "t");
+    cache.IsCached("u", "p", "t");
+    cache.IsCached("u", "p", "x");
+    cache.RemoveCacheNode("x");
+    cache.FlushCache();
+    std::vector<std::string> order;
+    Metrics m = ReadMetrics(cache, &order);
+    const std::vector<std::string> expected = {
+        "Add",       "Change",     "Clear",      "Hit",      "Miss",    "processMiss",
+        "removeHit", "removeMiss", "targetMiss", "userMiss", "mapSize", "maxDepth"};
+    EXPECT_EQ(order, expected);
+    for (const auto& [key, value] : m) {
+        EXPECT_EQ(value, key == "Clear" ? 1 : 0) << key;
+    }
+    EXPECT_FALSE(cache.IsCached("u", "p", "t"));
+}
+
+TEST(AllowCache, TheTargetAfterTheLimitFlushesFirst) {
+    ZELKAllowCache cache;
+    for (size_t i = 0; i < ZELKAllowCache::kMaxTargets; ++i) {
+        cache.AddCacheNode("u", "p", "/t/" + std::to_string(i));
+    }
+    Metrics m = ReadMetrics(cache);
+    EXPECT_EQ(m["mapSize"], 4096);
+    EXPECT_EQ(m["Add"], 4096);
+    EXPECT_EQ(m["Clear"], 0);
+
+    cache.AddCacheNode("u", "p", "/t/new");
+    m = ReadMetrics(cache);
+    EXPECT_EQ(m["Clear"], 1);
+    EXPECT_EQ(m["Add"], 1);
+    EXPECT_EQ(m["mapSize"], 1);
+    EXPECT_FALSE(cache.IsCached("u", "p", "/t/0"));
+    EXPECT_TRUE(cache.IsCached("u", "p", "/t/new"));
+}
+
+TEST(AllowCache, ConcurrentUseKeepsCountersConsistent) {
+    ZELKAllowCache cache;
+    constexpr int kThreads = 4;
+    constexpr int kRounds = 2000;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&cache, t] {
+            const std::string user = "user" + std::to_string(t);
+            for (int i = 0; i < kRounds; ++i) {
+                // Targets are shared between threads, so adds, changes and
+                // removals of one target interleave.
+                const std::string target = "/bin/t" + std::to_string(i % 50);
+                cache.AddCacheNode(user, "/bin/sh", target);
+                cache.IsCached(user, "/bin/sh", target);
+                if (i % 7 == 0) {
+                    cache.RemoveCacheNode(target);
+                }
+                std::unique_ptr<cJSON, decltype(&cJSON_Delete)> root(cJSON_CreateObject(),
+                                                                     cJSON_Delete);
+                cache.GetMetrics(root.get());
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    Metrics m = ReadMetrics(cache);
+    const double lookups = kThreads * kRounds;
+    const double removals = kThreads * (kRounds / 7 + 1);
+    EXPECT_EQ(m["Hit"] + m["Miss"], lookups);
+    EXPECT_EQ(m["Miss"], m["targetMiss"] + m["processMiss"] + m["userMiss"]);
+    EXPECT_EQ(m["removeHit"] + m["removeMiss"], removals);
+    // Every target ever added is either still there or was removed once.
+    EXPECT_EQ(m["Add"], m["mapSize"] + m["removeHit"]);
+    EXPECT_LE(m["maxDepth"], kThreads);
+    EXPECT_EQ(m["Clear"], 0);
+}
+
+// Counts calls of the pruning hook, which runs under the cache's lock.
+class CountingProcessCache : public ZELKProcessCache {
+  public:
+    void PruneProcessCache() override {
+        ++prunes;
+        ZELKProcessCache::PruneProcessCache();
+    }
+    int prunes = 0;
+};
+
+TEST(ProcessCache, LookupsAdditionsAndPidReuse) {
+    ZELKProcessCache cache;
+    EXPECT_FALSE(cache.AddProcess(0, 8, "bash"));  // pid 0 is never recorded
+    EXPECT_FALSE(cache.AddProcess(100, 8, "bash"));
+    EXPECT_FALSE(cache.AddProcess(100, 4, "python3"));  // first type stays
+    EXPECT_EQ(cache.GetAdditions(), 1u);
+
+    EXPECT_EQ(cache.GetProcess(0, "bash"), 0u);  // no lookup at all
+    EXPECT_EQ(cache.GetProcess(100, ""), 0u);
+    EXPECT_EQ(cache.GetHits(), 0u);
+    EXPECT_EQ(cache.GetMisses(), 0u);
+
+    EXPECT_EQ(cache.GetProcess(100, "bash"), 8u);
+    EXPECT_EQ(cache.GetProcess(100, "python3"), 0u);  // pid reused by another image
+    EXPECT_EQ(cache.GetProcess(100, "bas"), 0u);
+    EXPECT_EQ(cache.GetProcess(101, "bash"), 0u);
+    EXPECT_EQ(cache.GetHits(), 1u);
+    EXPECT_EQ(cache.GetMisses(), 3u);
+
+    cache.RemoveProcess(100);
+    EXPECT_EQ(cache.GetProcess(100, "bash"), 0u);
+    cache.AddProcess(100, 4, "python3");
+    EXPECT_EQ(cache.GetProcess(100, "python3"), 4u);
+    cache.AddProcess(200, 8, "sh");
+    cache.ClearProcessCache();
+    EXPECT_EQ(cache.Size(), 0u);
+    EXPECT_EQ(cache.GetProcess(200, "sh"), 0u);
+}
+
+TEST(ProcessCache, PruningHookRunsEvery1024AdditionsAndKeepsEntries) {
+    CountingProcessCache cache;
+    for (unsigned long pid = 1; pid <= 3000; ++pid) {
+        cache.AddProcess(pid, pid % 40, "p");
+        cache.AddProcess(pid, 1, "again");  // refused: not an addition
+        if (pid == 1023) {
+            EXPECT_EQ(cache.prunes, 0);
+        }
+    }
+    EXPECT_EQ(cache.prunes, 2);  // after additions 1024 and 2048
+    EXPECT_EQ(cache.Size(), 3000u);
+    EXPECT_EQ(cache.GetProcess(1, "p"), 1u);
+    EXPECT_EQ(cache.GetProcess(2999, "p"), 2999u % 40);
+}
+
+TEST(ProcessCache, ConcurrentUseKeepsCountersConsistent) {
+    ZELKProcessCache cache;
+    constexpr int kThreads = 4;
+    constexpr unsigned long kPids = 3000;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&cache, t] {
+            for (unsigned long pid = 1; pid <= kPids; ++pid) {
+                // All threads add the same pids; only one addition per pid wins.
+                cache.AddProcess(pid, 7, "worker");
+                EXPECT_EQ(cache.GetProcess(pid, "worker"), 7u);
+                cache.GetProcess(pid, "other");
+                if (pid % 4 == static_cast<unsigned long>(t)) {
+                    cache.RemoveProcess(pid + kPids);  // never present
+                }
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(cache.GetAdditions(), kPids);
+    EXPECT_EQ(cache.Size(), kPids);
+    EXPECT_EQ(cache.GetHits(), kThreads * kPids);
+    EXPECT_EQ(cache.GetMisses(), kThreads * kPids);
+}
+
+}  // namespace
