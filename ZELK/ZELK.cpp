@@ -191,6 +191,9 @@ uint32_t set_ruleset(bool flag, const char* path, const char* name) {
         if (path == nullptr) {
             return ZELK_STATUS_BAD_PATH;
         }
+        // Cached allow decisions must not outlive a ruleset change, even when
+        // the import then fails.
+        engine->GetAllowCache().FlushCache();
         return NotAvailable(__func__);
     });
 }
@@ -204,6 +207,7 @@ uint32_t set_ruleset_buffer(bool flag, const char* buffer, const char* name) {
         if (engine == nullptr) {
             return ZELK_STATUS_NOT_STARTED;
         }
+        engine->GetAllowCache().FlushCache();
         return NotAvailable(__func__);
     });
 }

@@ -24,6 +24,8 @@ void TrimTrailingSpaces(std::string& text) {
 }
 }  // namespace
 
+// The classifier builds its tables and both caches in its own constructor;
+// members declared after it are built after it and destroyed before it.
 ZELKEngine::ZELKEngine() = default;
 ZELKEngine::~ZELKEngine() = default;
 
@@ -152,6 +154,4 @@ void ZELKEngine::UpdateResponse(const ac_event& event, ac_wrapper_response_s* ou
     }
 }
 
-void ZELKEngine::AddMetrics(cJSON* /*metrics*/) {
-    // The allow cache adds its "AllowCache" section here once it exists.
-}
+void ZELKEngine::AddMetrics(cJSON* metrics) { GetAllowCache().GetMetrics(metrics); }

@@ -11,6 +11,7 @@
 #include <cstdint>
 
 #include "ZELKEvent.h"
+#include "ZELKQuery.h"
 #include "zelk.h"
 
 class ZELKEngine {
@@ -38,6 +39,17 @@ class ZELKEngine {
 
     // Adds the engine's sections ("AllowCache") to the metrics object.
     void AddMetrics(cJSON* metrics);
+
+    // The classifier, and through it the two caches; they live as long as
+    // the engine.
+    ZELKQuery& GetQuery() { return m_Query; }
+    ZELKAllowCache& GetAllowCache() { return m_Query.GetAllowCache(); }
+    ZELKProcessCache& GetProcessCache() { return m_Query.GetProcessCache(); }
+
+  private:
+    // Built first, destroyed last; immutable apart from its caches, which
+    // lock themselves.
+    ZELKQuery m_Query;
 };
 
 #endif  // ZELK_ZELKEVENTABSTRACTION_H_

@@ -9,8 +9,12 @@
 #include <thread>
 #include <vector>
 
+#include "TestUtil.h"
+#include "ZELK.h"
 #include "ZELKAllowCache.h"
+#include "ZELKEventAbstraction.h"
 #include "ZELKProcessCache.h"
+#include "zelk.h"
 
 namespace {
 
@@ -231,6 +235,52 @@ TEST(ProcessCache, ConcurrentUseKeepsCountersConsistent) {
     EXPECT_EQ(cache.Size(), kPids);
     EXPECT_EQ(cache.GetHits(), kThreads * kPids);
     EXPECT_EQ(cache.GetMisses(), kThreads * kPids);
+}
+
+// Through the exported interface: the metrics document carries the engine's
+// allow cache, and importing a ruleset flushes it whether or not the import
+// succeeds.
+TEST(AllowCache, EngineReportsAndFlushesOnRulesetImport) {
+    const std::string dir = zelktest::ScratchDir();
+    const std::string db = dir + "/ac.db";
+    ac_engine_start_s start = zelktest::StartRecord(db);
+    ASSERT_EQ(engine_start(&start), 0u);
+    ASSERT_NE(engine, nullptr);
+    ZELKAllowCache& cache = engine->GetAllowCache();
+    EXPECT_EQ(&cache, &engine->GetQuery().GetAllowCache());
+    cache.AddCacheNode("root", "/bin/sh", "/usr/bin/ls");
+    cache.AddCacheNode("root", "/bin/sh", "/usr/bin/cat");
+
+    auto metricsAllowCache = [] {
+        unsigned size = 0;
+        get_metrics_mem(nullptr, &size);
+        std::string buffer(size, '\0');
+        EXPECT_EQ(get_metrics_mem(&buffer[0], &size), 0u);
+        std::unique_ptr<cJSON, decltype(&cJSON_Delete)> root(cJSON_Parse(buffer.c_str()),
+                                                             cJSON_Delete);
+        cJSON* metrics = cJSON_GetObjectItemCaseSensitive(root.get(), "metrics");
+        cJSON* allow = cJSON_GetObjectItemCaseSensitive(metrics, "AllowCache");
+        Metrics values;
+        cJSON* item = nullptr;
+        cJSON_ArrayForEach(item, allow) {
+            values[item->string] = item->valuedouble;
+        }
+        return values;
+    };
+    Metrics m = metricsAllowCache();
+    EXPECT_EQ(m["Add"], 2);
+    EXPECT_EQ(m["mapSize"], 2);
+
+    set_ruleset_buffer(false, "{}", "rs");
+    EXPECT_FALSE(cache.IsCached("root", "/bin/sh", "/usr/bin/ls"));
+    cache.AddCacheNode("root", "/bin/sh", "/usr/bin/ls");
+    const std::string missing = dir + "/no-such-ruleset.json";
+    set_ruleset(false, missing.c_str(), "rs");
+    m = metricsAllowCache();
+    EXPECT_EQ(m["Clear"], 2);
+    EXPECT_EQ(m["mapSize"], 0);
+
+    ASSERT_EQ(engine_stop(), 0u);
 }
 
 }  // namespace
