@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "TestUtil.h"
@@ -253,6 +254,30 @@ TEST(InterpreterRules, ProcessTypeIdIsCachedOnlyWhenFound) {
     // Copies carry the cache along.
     ZELKQuery::ScriptInterpreter copy = known;
     EXPECT_EQ(copy.processTypeIndex.load(), 7u);
+}
+
+// Rules resolve their type lazily from any thread; the first resolutions
+// race by design and must agree.
+TEST(InterpreterRules, ConcurrentFirstMatchesAgree) {
+    ZELKQuery query;
+    std::vector<std::thread> threads;
+    std::vector<size_t> seen(4 * 3);
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&query, &seen, t] {
+            seen[t * 3] = TypeOf(query, "/usr/bin/", "python3.11");
+            seen[t * 3 + 1] = TypeOf(query, "/usr/sbin/", "prelink");
+            seen[t * 3 + 2] = TypeOf(query, "/bin/", "bash");
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    for (int t = 0; t < 4; ++t) {
+        EXPECT_EQ(seen[t * 3], 4u);
+        EXPECT_EQ(seen[t * 3 + 1], 2u);
+        EXPECT_EQ(seen[t * 3 + 2], 8u);
+    }
+    EXPECT_EQ(query.GetScriptInterpreterRules()[54].processTypeIndex.load(), 4u);
 }
 
 TEST(InterpreterRules, HashRulesAndUnknownRuleTypes) {
