@@ -7,8 +7,11 @@
 
 #include <exception>
 #include <new>
+#include <string>
 
+#include "ZELKDataAccessLayer.h"
 #include "ZELKEventAbstraction.h"
+#include "ZELKFile.h"
 #include "ZELKLogger.h"
 #include "ZELKStats.h"
 #include "zelk.h"
@@ -55,6 +58,12 @@ uint32_t engine_start(const ac_engine_start_s* start) {
         if (ZELKLogger::GetInstance().InitLogger(start->logCallback, start->logMask) != 0) {
             return ZELK_STATUS_LOGGER_FAILED;
         }
+        if (start->dbPath != nullptr && !ZELKDAL::GetDAL().SetDBPath(start->dbPath)) {
+            return ZELK_STATUS_BAD_PATH;
+        }
+        if (!ZELKDAL::GetDAL().InitDB(false)) {
+            return ZELK_STATUS_DB_INIT_FAILED;
+        }
         if (engine == nullptr) {
             engine = new ZELKEngine();
         }
@@ -72,6 +81,7 @@ uint32_t engine_stop(void) {
         engine = nullptr;
         delete stopping;
         ZTRACE("Shutting down DAL for AC Engine");
+        ZELKDAL::GetDAL().ShutdownDAL();
         return ZELK_STATUS_SUCCESS;
     });
 }
@@ -109,14 +119,64 @@ uint32_t app_ctl(ac_wrapper_event_s* event, ac_wrapper_response_s* response) {
 
 uint32_t set_config(unsigned flags, unsigned long autoAuthorizeStartTime,
                     unsigned long autoAuthorizeEndTime) {
-    (void)flags;
-    (void)autoAuthorizeStartTime;
-    (void)autoAuthorizeEndTime;
     return Guarded(__func__, [&]() -> uint32_t {
         if (engine == nullptr) {
             return ZELK_STATUS_NOT_STARTED;
         }
-        return NotAvailable(__func__);
+        ZELKDAL& dal = ZELKDAL::GetDAL();
+        // Every bit is applied on every call: a clear bit switches its mode off.
+        if (flags & 0x08) {
+            ZTRACE("Setting AUTO AUTHORIZE");
+            config.SetInventoryAutoAuthorize(true);
+            config.SetAutoAuthorizeStartTime(autoAuthorizeStartTime);
+            config.SetAutoAuthorizeEndTime(autoAuthorizeEndTime);
+            dal.SetAppControlState("autoAuthorizeStartTime", autoAuthorizeStartTime);
+            dal.SetAppControlState("autoAuthorizeEndTime", autoAuthorizeEndTime);
+        } else {
+            if (config.GetInventoryAutoAuthorize()) {
+                // The open maintenance window closes now; its start stays.
+                unsigned long now = GetCurrentTimeInMillis();
+                config.SetAutoAuthorizeEndTime(now);
+                dal.SetAppControlState("autoAuthorizeEndTime", now);
+            } else if (config.GetAutoAuthorizeEndTime() == ZELKConfig::kNotSet) {
+                // First call after a restart: the last window is the stored
+                // one, whatever the host passes.
+                dal.GetAppControlState("autoAuthorizeStartTime", autoAuthorizeStartTime);
+                dal.GetAppControlState("autoAuthorizeEndTime", autoAuthorizeEndTime);
+                config.SetAutoAuthorizeStartTime(autoAuthorizeStartTime);
+                config.SetAutoAuthorizeEndTime(autoAuthorizeEndTime);
+            }
+            config.SetInventoryAutoAuthorize(false);
+        }
+        if (flags & 0x02) {
+            ZTRACE("Setting INVENTORY EXISTS");
+        }
+        config.SetInventoryExists((flags & 0x02) != 0);
+        if (flags & 0x01) {
+            ZTRACE("Setting LOCKDOWN");
+            // Blocks decided on rules older than this agent version are not
+            // enforced until its manifest arrives.  A fresh database stores
+            // no version and so counts as an upgrade.
+            std::string stored;
+            dal.GetAppControlState("agentVersion", stored);
+            std::string current = config.GetCurrentVersion();
+            if (stored != current) {
+                ZTRACE("Upgrade detected old version %s new version %s waiting for manifest to "
+                       "be applied",
+                       stored.c_str(), current.c_str());
+                config.SetManifestApplied(false);
+            }
+        }
+        config.SetLockdown((flags & 0x01) != 0);
+        if (flags & 0x04) {
+            ZTRACE("Setting RULESET EXISTS");
+        }
+        config.SetRulesetExists((flags & 0x04) != 0);
+        if (flags & 0x10) {
+            ZTRACE("Setting ALLOWLIST INVENTORY");
+        }
+        config.SetWhitelistInventory((flags & 0x10) != 0);
+        return ZELK_STATUS_SUCCESS;
     });
 }
 
@@ -144,17 +204,17 @@ uint32_t delete_db(void) {
         if (engine == nullptr) {
             return ZELK_STATUS_NOT_STARTED;
         }
-        return NotAvailable(__func__);
+        return ZELKDAL::GetDAL().DeleteDB() ? ZELK_STATUS_SUCCESS : ZELK_STATUS_FAILURE;
     });
 }
 
 uint32_t purge_db(unsigned source) {
-    (void)source;
     return Guarded(__func__, [&]() -> uint32_t {
         if (engine == nullptr) {
             return ZELK_STATUS_NOT_STARTED;
         }
-        return NotAvailable(__func__);
+        return ZELKDAL::GetDAL().PurgeDB(static_cast<DALSource>(source)) ? ZELK_STATUS_SUCCESS
+                                                                           : ZELK_STATUS_FAILURE;
     });
 }
 

@@ -1,0 +1,262 @@
+// ZELKDAL: the policy store.  One SQLite file (ac.db by default) holds the
+// inventory, the hash rulesets, the trust rules, the user lists and the
+// persisted engine settings.  This header declares the whole store; its
+// operations are spread over several sources:
+//   ZELKDataAccessLayer.cpp  open/upgrade/close, statements, settings, purge.
+// Later sources add the allow lookup, the item and rule stores, the ruleset
+// import, the trust-rule lookup and the export to the same class.
+//
+// Locking.  Two mutexes, never held together:
+//   m_DataMutex       every read or write of the database: settings, lookups,
+//                     stores, flushes, counts, DeleteDB, PurgeDB.  Operations
+//                     log "<name> lock" / "<name> unlock" around it (DataLock).
+//   m_LifecycleMutex  InitDB around _InitDB and ShutdownDAL around Finalize.
+// The connection and each prepared statement sit in reference-counted holders.
+// A user copies the holder (StmtScope, DBHandle) for as long as it works with
+// it, so a concurrent Finalize never destroys a statement in use: Finalize only
+// releases holders nobody else owns, the rest close with their last user.
+#ifndef ZELK_ZELKDATAACCESSLAYER_H_
+#define ZELK_ZELKDATAACCESSLAYER_H_
+
+#include <sqlite3.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "ZELKEvent.h"
+
+class ZELKDAL {
+  public:
+    // The schema version this build creates and upgrades to.
+    static constexpr int kSchemaVersion = 15;
+
+    using DBHolder = std::shared_ptr<sqlite3>;
+    using StmtHolder = std::shared_ptr<sqlite3_stmt>;
+
+    // The one store of the process, created on first use, destroyed at exit.
+    static ZELKDAL& GetDAL();
+
+    // The schema scripts: entry 0 creates a version 4 database, entry k
+    // upgrades version k+3 to k+4.  Exposed so that tests can build databases
+    // of older versions.
+    static size_t SchemaScriptCount();
+    static const char* SchemaScript(size_t index);
+
+    // ---- Lifecycle -------------------------------------------------------
+
+    // While closed: replaces the path (empty means "ac.db") and returns true.
+    // While open: true when `path` is the path already open (nothing to do),
+    // false for any other path, which is then ignored.
+    bool SetDBPath(const std::string& path);
+    std::string GetDBPath() const;
+    bool IsOpen() const;
+
+    // Opens, creates or upgrades the database to kSchemaVersion and prepares
+    // the statements, then refreshes the rule summaries.  `readOnly` is
+    // accepted for the host's sake and ignored: the store always opens
+    // read-write.  False when the file cannot be opened, is not a database, is
+    // not writable, or an upgrade step failed; the reason is logged at ERROR.
+    // A non-database file is never modified.
+    bool InitDB(bool readOnly = false);
+
+    // Releases every statement and the connection that nobody else holds.
+    void Finalize();
+
+    // Writes queued records, then finalises.  The store is closed afterwards;
+    // a later InitDB opens it again.
+    void ShutdownDAL();
+
+    // Closes the store and removes the file; true also when there was no
+    // file.  The store stays closed until the next InitDB.
+    bool DeleteDB();
+
+    // source 0: the whole database (deleted and recreated); 6: trust rules
+    // and user lists; otherwise the inventory rows of that source.  True on
+    // success, and for sources 1 to 6 on a closed store (nothing to purge).
+    bool PurgeDB(DALSource source);
+
+    // ---- Statements and settings -----------------------------------------
+
+    // Prepares the statements not yet held.  On any failure logs, finalises
+    // the whole store and returns false.  False on a closed store.
+    bool PrepareStatements();
+
+    // Updates an existing AppControlState row; a name with no row changes
+    // nothing and still succeeds.  The numeric form writes decimal text, and
+    // "-1" for the all-ones value (the schema's "not set").
+    bool SetAppControlState(const std::string& setting, const std::string& value);
+    bool SetAppControlState(const std::string& setting, const unsigned long& value);
+
+    // False (value untouched) when the setting has no row or the store is
+    // closed.  The numeric form parses with strtoull: "-1" reads as all ones,
+    // "" as 0.
+    bool GetAppControlState(const std::string& setting, std::string& value);
+    bool GetAppControlState(const std::string& setting, unsigned long& value);
+
+    // The connection's last error as "<code> (<text>): <message>", for logs.
+    std::string GetLastDBErrorString() const;
+
+    // ---- Rule-presence summaries -----------------------------------------
+    // Cheap, lock-free answers that let lookups skip queries which cannot
+    // match.  Refreshed after every InitDB and PurgeDB; a ruleset import calls
+    // RefreshRuleSummaries itself.  A summary that cannot be counted reads as
+    // "nothing present".
+    bool HasTrustRules() const { return m_TrustRulesPresent.load(std::memory_order_acquire); }
+    int64_t GetMD5RuleCount() const { return m_MD5RuleCount.load(std::memory_order_acquire); }
+    int64_t GetSHA1RuleCount() const { return m_SHA1RuleCount.load(std::memory_order_acquire); }
+    void RefreshRuleSummaries();
+
+    // ---- Pending writes (defined with the item and rule stores) ----------
+    bool StoreItemFlush();
+    bool StoreTrustRuleFlush();
+    bool StoreUserListFlush();
+
+    ZELKDAL(const ZELKDAL&) = delete;
+    ZELKDAL& operator=(const ZELKDAL&) = delete;
+
+  private:
+    // Borrows a prepared statement for one use.  Holds a reference so that a
+    // concurrent Finalize cannot destroy it, and resets it and clears its
+    // bindings on every way out of the scope.  Check it with operator bool: a
+    // released statement yields an empty scope.
+    class StmtScope {
+      public:
+        explicit StmtScope(const StmtHolder& holder) : m_Stmt(std::atomic_load(&holder)) {}
+        ~StmtScope() {
+            if (m_Stmt) {
+                sqlite3_reset(m_Stmt.get());
+                sqlite3_clear_bindings(m_Stmt.get());
+            }
+        }
+        StmtScope(const StmtScope&) = delete;
+        StmtScope& operator=(const StmtScope&) = delete;
+
+        explicit operator bool() const { return static_cast<bool>(m_Stmt); }
+        sqlite3_stmt* get() const { return m_Stmt.get(); }
+
+        // Binders by parameter name (":hash"); return the SQLite result, a
+        // name the statement lacks gives SQLITE_RANGE.  Texts and blobs are
+        // copied by SQLite.
+        int BindText(const char* name, const std::string& value);
+        int BindInt64(const char* name, int64_t value);
+        int BindBlob(const char* name, const void* data, int length);
+        int BindNull(const char* name);
+
+      private:
+        StmtHolder m_Stmt;
+    };
+
+    // Holds m_DataMutex for a scope and logs "<name> lock" before taking it
+    // and "<name> unlock" before letting it go.
+    class DataLock {
+      public:
+        DataLock(ZELKDAL& dal, const char* name, int line = __builtin_LINE());
+        ~DataLock();
+        DataLock(const DataLock&) = delete;
+        DataLock& operator=(const DataLock&) = delete;
+
+      private:
+        std::unique_lock<std::mutex> m_Lock;
+        const char* m_Name;
+        int m_Line;
+    };
+
+    // A statement member with its name (for Finalize's messages) and SQL.
+    struct StatementSlot {
+        StmtHolder ZELKDAL::*member;
+        const char* name;
+        const char* sql;
+    };
+    // The twenty-one statements in the order Finalize releases them.
+    static const StatementSlot* StatementSlots(size_t& count);
+
+    ZELKDAL() = default;
+    ~ZELKDAL();
+
+    // The open/check/upgrade procedure.  Caller holds m_LifecycleMutex
+    // (InitDB) or m_DataMutex (PurgeDB).
+    bool _InitDB(bool readOnly);
+    // DeleteDB without the lock: finalise, then remove the file.
+    bool _DeleteDB();
+    // Runs schema scripts [first, count); logs `failure` with the rc and
+    // returns false at the first that fails.
+    bool RunSchemaScripts(size_t first, const char* failure);
+    // Refuses a database SQLite could only open read-only, or whose folder we
+    // may not write (SQLite creates its journal there on the first write).
+    bool CheckWritable(sqlite3* db);
+    // One "count(*)" statement; false when it is released or fails.
+    bool CountRows(const StmtHolder& holder, const char* name, int64_t& count);
+    // Hook of ShutdownDAL: writes the queued items, trust rules and user
+    // lists while the store is still open.
+    void FlushPendingWrites();
+
+    DBHolder DBHandle() const { return std::atomic_load(&m_DB); }
+
+    // Written only while closed (SetDBPath) or on first open (empty -> ac.db);
+    // engine_start, the only writer, never overlaps other calls.
+    std::string m_DBPath;
+
+    mutable std::mutex m_DataMutex;
+    std::mutex m_LifecycleMutex;
+
+    // Connection and statements.  Set by _InitDB/PrepareStatements, cleared by
+    // Finalize; both run under one of the two mutexes.  Readers copy them with
+    // std::atomic_load (DBHandle, StmtScope) and use the copy.
+    DBHolder m_DB;
+    StmtHolder m_pInsertItemStmt;
+    StmtHolder m_pInsertTrustRuleStmt;
+    StmtHolder m_pInsertUserListStmt;
+    StmtHolder m_pUpdatePrelinkItemStmt;
+    StmtHolder m_pLookupItemAuthStmt;
+    StmtHolder m_pLookupItemAuthRulesetStmt;
+    StmtHolder m_pLookupItemAlternateMD5HashStmt;
+    StmtHolder m_pLookupItemAlternateSHA1HashStmt;
+    StmtHolder m_pLookupTrustRuleStmt;
+    StmtHolder m_pLookupUserListStmt;
+    StmtHolder m_pUpdateTrustRuleHitcountStmt;
+    StmtHolder m_pMetricsLookupTrustRuleStmt;
+    StmtHolder m_pLookupRuleCountStmt;
+    StmtHolder m_pLookupTrustRuleCountStmt;
+    StmtHolder m_pLookupMD5CountStmt;
+    StmtHolder m_pLookupSHA1CountStmt;
+    StmtHolder m_pLookupUserGroupTrustRuleCountStmt;
+    StmtHolder m_pLookupRulesetCountStmt;
+    StmtHolder m_pDeleteInventoryItemsStmt;
+    StmtHolder m_pGetAcStateStmt;
+    StmtHolder m_pSetAcStateStmt;
+
+    // Rule-presence summaries; written by RefreshRuleSummaries, read lock-free.
+    std::atomic<bool> m_TrustRulesPresent{false};
+    std::atomic<int64_t> m_MD5RuleCount{0};
+    std::atomic<int64_t> m_SHA1RuleCount{0};
+};
+
+// SQL texts of the prepared statements (defined in ZELKDataAccessLayer.cpp).
+extern const char* const InsertItemSQL;
+extern const char* const InsertTrustRuleSQL;
+extern const char* const InsertUserListSQL;
+extern const char* const UpdatePrelinkItemSQL;
+extern const char* const LookupItemAuthSQL;
+extern const char* const LookupItemAuthRulesetSQL;
+extern const char* const LookupItemAlternateMD5HashSQL;
+extern const char* const LookupItemAlternateSHA1HashSQL;
+extern const char* const LookupTrustRuleSQL;
+extern const char* const LookupUserListSQL;
+extern const char* const UpdateTrustRuleHitcountSQL;
+extern const char* const MetricsLookupTrustRuleSQL;
+extern const char* const LookupRuleCountSQL;
+extern const char* const LookupTrustRuleCountSQL;
+extern const char* const LookupMD5_CountSQL;
+extern const char* const LookupSHA1_CountSQL;
+extern const char* const LookupUserGroupTrustRuleCountSQL;
+extern const char* const LookupRulesetCountSQL;
+extern const char* const DeleteInventoryItemsSQL;
+extern const char* const GetAcStateSQL;
+extern const char* const SetAcStateSQL;
+extern const char* const LookupItemMatchSQL;
+
+#endif  // ZELK_ZELKDATAACCESSLAYER_H_
