@@ -120,7 +120,7 @@ void ZELKQuery::InitScriptInterpreterRules() {
     // the same on purpose; the table is kept as it has always been built.
     // clang-format off
     std::vector<ScriptInterpreter> rules = {
-        // type       path                     name                            nameContains    process type
+        // type     path                     name                            nameContains    process type
         {NONE,      "",                      "",                             "",             ""},
         {NAME,      "",                      "powershell.exe",               "",             "power"},
         {NAME,      "",                      "powershell_ise.exe",           "",             "power"},
@@ -211,7 +211,7 @@ void ZELKQuery::InitProcessTypes() {
     const L none;
     // clang-format off
     std::vector<ProcessType> types = {
-        //  name                I  N  T  S  op  extensions                                                  paths                                                                                                                                                                                                  enableSetting
+        // name               I  N  T  S  op  extensions                                                  paths                                                                                                                                                                                                  enableSetting
         {"",                  _, _, _, _, 0,  none,                                                       none,                                                                                                                                                                                                  ""},
         {"normal",            _, N, _, _, 0,  none,                                                       none,                                                                                                                                                                                                  ""},
         {"prelink",           _, _, T, _, 40, none,                                                       none,                                                                                                                                                                                                  ""},
