@@ -18,16 +18,20 @@
 #ifndef ZELK_ZELKDATAACCESSLAYER_H_
 #define ZELK_ZELKDATAACCESSLAYER_H_
 
+#include <cjson/cJSON.h>
 #include <sqlite3.h>
 
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <string>
 
 #include "ZELKEvent.h"
+#include "ZELKRules.h"
+#include "zelk.h"
 
 class ZELKDAL {
   public:
@@ -110,10 +114,71 @@ class ZELKDAL {
     int64_t GetSHA1RuleCount() const { return m_SHA1RuleCount.load(std::memory_order_acquire); }
     void RefreshRuleSummaries();
 
-    // ---- Pending writes (defined with the item and rule stores) ----------
+    // ---- Allow lookup (ZELKDataAccessLayerLookup.cpp) --------------------
+
+    // Looks the event's file up by digest and size and writes isAuthorized,
+    // authorizedState, source and ruleset into it.  True when the lookup ran
+    // to an answer (found or not), false when it could not run (no SHA-256,
+    // released statement, bind failure, database error).
+    bool IsAllowedInDB(ac_event& event);
+    // The same; caller holds m_DataMutex.
+    bool IsAllowedInDBInternal(ac_event& event);
+    // Re-checks a file that prelinking rewrote, using and clearing the
+    // previous-digest slot.  True when the event ends up authorized.
+    bool UpdatePrelinkItem(ac_event& event);
+    // Fills the previous-digest slot used by the next UpdatePrelinkItem.
+    void SetPreviousPrelinkHash(const SHA256Hash& previous);
+
+    // ---- Trust-rule lookup (ZELKDataAccessLayerLookup.cpp) ---------------
+
+    // True when a rule of `trustType` (or of type 0) matches the event; then
+    // sets event.trustMatch = 4 and event.ruleset and raises the rule's hit
+    // count.  False at once, without the mutex, while no trust rules exist.
+    bool IsFoundInTrustRules(unsigned trustType, ac_event& event);
+    // Forwards to MatchEventPathWithRulePath.
+    bool CallMatchEventPath(std::string& eventPath, std::string& rulePaths);
+
+    // ---- Item and rule stores (ZELKDataAccessLayerStore.cpp) --------------
+
+    // Store one item now, or queue it (flushed past 1000 queued events, by
+    // the Flush calls and at shutdown).  False when an exclude trust rule
+    // covers the item's path or the write failed.
+    bool StoreItem(ac_db_item_s* item);
+    bool StoreItemBuffer(ac_db_item_s* item);
+    bool StoreItem(ac_event& event);
+    bool StoreItemBuffer(ac_event& event);
+    // Write the queue in one transaction; false when the queue was empty or
+    // the batch failed (then rolled back: never half a batch).
     bool StoreItemFlush();
+    bool StoreTrustRuleBuffer(const ac_trust_rule& rule);
     bool StoreTrustRuleFlush();
+    bool StoreUserListBuffer(const ac_user_list& entry);
     bool StoreUserListFlush();
+    // Removes the scanned and drift rows of the event's file.
+    bool DeleteInventoryItems(ac_event& event);
+    // Records the event's file as allowed according to its source.
+    bool WhitelistFile(ac_event& event);
+
+    // ---- Ruleset import (ZELKDataAccessLayerImport.cpp) --------------------
+
+    // Imports a hash ruleset, agent manifest or trust-rule document, chosen by
+    // `name`.  False only for an unreadable file or unparsable JSON.
+    bool ImportRuleset(bool incremental, const std::string& path, const std::string& name);
+    bool ImportRulesetBuffer(bool incremental, const char* buffer, const std::string& name);
+
+    // ---- Export and metrics (ZELKDataAccessLayerExport.cpp) ----------------
+
+    // Writes rows with id > fromItemId (at most `limit`, 0 = all) of the Items
+    // view (or of TrustRules when `table` is "TrustRules", any case) as JSON to
+    // `outPath`, atomically.  False on any failure, leaving nothing behind.
+    bool GetItems(unsigned long fromItemId, unsigned long limit, unsigned source,
+                  const std::string& outPath, const std::string& table);
+    // Sections of the metrics document.
+    void PrepareMetrics(cJSON* trustRulesStats);
+    void PrepareMetricsDBInfo(cJSON* dbInfo);
+    void PrepareMetricsDBInfoTrustRules(cJSON* dbInfo);
+    void PrepareMetricsDBInfoRulesets(cJSON* dbInfo);
+    void PrepareMetricsDBSize(cJSON* dbInfo);
 
     ZELKDAL(const ZELKDAL&) = delete;
     ZELKDAL& operator=(const ZELKDAL&) = delete;
@@ -228,6 +293,12 @@ class ZELKDAL {
     StmtHolder m_pDeleteInventoryItemsStmt;
     StmtHolder m_pGetAcStateStmt;
     StmtHolder m_pSetAcStateStmt;
+
+    // Pending writes and the prelink slot.  Guarded by m_DataMutex.
+    std::deque<ac_event> m_PendingItems;
+    std::deque<ac_trust_rule> m_PendingTrustRules;
+    std::deque<ac_user_list> m_PendingUserLists;
+    SHA256Hash m_PreviousPrelinkHash;
 
     // Rule-presence summaries; written by RefreshRuleSummaries, read lock-free.
     std::atomic<bool> m_TrustRulesPresent{false};
