@@ -1,0 +1,325 @@
+// zelkctl lint: checks a ruleset or trust-rule document without importing
+// it, and names every element the importer would skip or store in a way the
+// author probably did not mean.
+#include <cjson/cJSON.h>
+
+#include <cstring>
+#include <set>
+
+#include "Commands.h"
+#include "HostDigest.h"
+
+namespace zelkctl {
+namespace {
+
+class Findings {
+  public:
+    void Add(const std::string& where, const std::string& what) {
+        m_Lines.push_back("  " + where + ": " + what);
+    }
+    size_t Count() const { return m_Lines.size(); }
+    void Print() const {
+        for (const std::string& line : m_Lines) {
+            printf("%s\n", line.c_str());
+        }
+    }
+
+  private:
+    std::vector<std::string> m_Lines;
+};
+
+std::string Where(const char* array, int index, const char* key = nullptr) {
+    std::string text = std::string(array) + "[" + std::to_string(index) + "]";
+    if (key != nullptr) {
+        text += std::string(".") + key;
+    }
+    return text;
+}
+
+void CheckDigest(const cJSON* element, const char* key, size_t bytes, const std::string& where,
+                 Findings& findings, bool& present) {
+    const cJSON* item = cJSON_GetObjectItemCaseSensitive(element, key);
+    if (item == nullptr || cJSON_IsNull(item)) {
+        return;
+    }
+    if (!cJSON_IsString(item)) {
+        findings.Add(where + "." + key, "not a text; the digest is ignored");
+        return;
+    }
+    size_t len = strlen(item->valuestring);
+    std::vector<uint8_t> out(bytes);
+    if (len != bytes * 2) {
+        findings.Add(where + "." + key, std::to_string(len) + " characters where " +
+                                            std::to_string(bytes * 2) +
+                                            " hexadecimal characters are needed");
+        return;
+    }
+    if (!hostkit::FromHex(item->valuestring, out.data(), bytes)) {
+        findings.Add(where + "." + key, "holds characters that are not hexadecimal");
+        return;
+    }
+    present = true;
+}
+
+// A number, or a text of decimal digits, as the importer reads sizes and
+// trust types.  Sets `value`; false when it is neither.
+bool ReadInteger(const cJSON* item, long long& value) {
+    if (cJSON_IsNumber(item)) {
+        value = static_cast<long long>(item->valuedouble);
+        return item->valuedouble == static_cast<double>(value);
+    }
+    if (cJSON_IsString(item) && item->valuestring[0] != '\0') {
+        char* end = nullptr;
+        value = strtoll(item->valuestring, &end, 10);
+        return *end == '\0';
+    }
+    return false;
+}
+
+void CheckTexts(const cJSON* element, const std::set<std::string>& textKeys,
+                const std::string& where, Findings& findings) {
+    for (const cJSON* item = element->child; item != nullptr; item = item->next) {
+        if (textKeys.count(item->string) != 0 && !cJSON_IsString(item) && !cJSON_IsNull(item)) {
+            findings.Add(where + "." + item->string, "not a text; stored empty");
+        }
+    }
+}
+
+void CheckUnknownKeys(const cJSON* element, const std::set<std::string>& known,
+                      const std::string& where, Findings& findings) {
+    for (const cJSON* item = element->child; item != nullptr; item = item->next) {
+        if (known.count(item->string) == 0) {
+            findings.Add(where, std::string("unknown key \"") + item->string + "\" is ignored");
+        }
+    }
+}
+
+size_t LintHashRules(const cJSON* root, Findings& findings) {
+    const cJSON* rules = cJSON_GetObjectItemCaseSensitive(root, "rules");
+    if (rules == nullptr) {
+        findings.Add("document", "no \"rules\" array: nothing would be imported");
+        return 0;
+    }
+    if (!cJSON_IsArray(rules)) {
+        findings.Add("rules", "not an array: nothing would be imported");
+        return 0;
+    }
+    static const std::set<std::string> kKnown = {"sha256", "sha1",   "md5",
+                                                 "size",   "action", "fileName"};
+    int index = 0;
+    for (const cJSON* rule = rules->child; rule != nullptr; rule = rule->next, ++index) {
+        std::string where = Where("rules", index);
+        if (!cJSON_IsObject(rule)) {
+            findings.Add(where, "not an object: skipped");
+            continue;
+        }
+        CheckUnknownKeys(rule, kKnown, where, findings);
+        CheckTexts(rule, {"action", "fileName"}, where, findings);
+        bool sha256 = false, sha1 = false, md5 = false;
+        CheckDigest(rule, "sha256", 32, where, findings, sha256);
+        CheckDigest(rule, "sha1", 20, where, findings, sha1);
+        CheckDigest(rule, "md5", 16, where, findings, md5);
+        if (!sha256 && !sha1 && !md5) {
+            findings.Add(where, "no usable digest: the rule can never match a file");
+        } else if (!sha256) {
+            findings.Add(where,
+                         "no SHA-256: matched only by its SHA-1 or MD5, and only when the event "
+                         "carries that digest");
+        }
+        const cJSON* size = cJSON_GetObjectItemCaseSensitive(rule, "size");
+        long long sizeValue = 0;
+        if (size != nullptr && !cJSON_IsNull(size)) {
+            if (!ReadInteger(size, sizeValue)) {
+                findings.Add(where + ".size", "not a whole number: read as 0 (any size)");
+            } else if (sizeValue < 0) {
+                findings.Add(where + ".size", "negative size: the rule can never match a file");
+            }
+        }
+        const cJSON* action = cJSON_GetObjectItemCaseSensitive(rule, "action");
+        std::string text = cJSON_IsString(action) ? action->valuestring : "";
+        if (text.compare(0, 5, "allow") != 0 && text.compare(0, 5, "block") != 0) {
+            findings.Add(where + ".action", action == nullptr
+                                                ? "missing: stored as allowed"
+                                                : "\"" + text +
+                                                      "\" is neither allow nor block: "
+                                                      "stored as allowed");
+        }
+    }
+    if (index == 0) {
+        findings.Add("rules", "empty: nothing would be imported");
+    }
+    return static_cast<size_t>(index);
+}
+
+// A path pattern the trust-rule matcher can never apply to a Linux path: the
+// event path is absolute, and a pattern must match from its first character.
+bool PatternNeverMatches(const std::string& pattern) {
+    if (pattern.empty()) {
+        return false;
+    }
+    char first = pattern[0];
+    return first != '/' && first != '\\' && first != '*';
+}
+
+size_t LintTrustRules(const cJSON* root, Findings& findings) {
+    const cJSON* rules = cJSON_GetObjectItemCaseSensitive(root, "Trustrules");
+    const cJSON* lists = cJSON_GetObjectItemCaseSensitive(root, "Userlists");
+    if (rules == nullptr && lists == nullptr) {
+        findings.Add("document",
+                     "neither \"Trustrules\" nor \"Userlists\": nothing would be "
+                     "imported");
+        return 0;
+    }
+    static const std::set<std::string> kKnown = {
+        "processName", "paths",    "trustType", "signerName", "productName", "companyName",
+        "sha256",      "issuerCN", "issuerC",   "issuerS",    "issuerL",     "issuerO",
+        "issuerOU",    "user",     "group",     "userList"};
+    static const std::set<std::string> kTexts = {
+        "processName", "paths",   "signerName", "productName", "companyName",
+        "issuerCN",    "issuerC", "issuerS",    "issuerL",     "issuerO",
+        "issuerOU",    "user",    "group",      "userList"};
+    std::set<std::string> listIds;
+    if (lists != nullptr && !cJSON_IsArray(lists)) {
+        findings.Add("Userlists", "not an array: no user list would be imported");
+    } else if (lists != nullptr) {
+        int index = 0;
+        for (const cJSON* list = lists->child; list != nullptr; list = list->next, ++index) {
+            std::string where = Where("Userlists", index);
+            const cJSON* id = cJSON_GetObjectItemCaseSensitive(list, "id");
+            const cJSON* users = cJSON_GetObjectItemCaseSensitive(list, "users");
+            if (!cJSON_IsObject(list)) {
+                findings.Add(where, "not an object: skipped");
+                continue;
+            }
+            if (!cJSON_IsString(id) || id->valuestring[0] == '\0') {
+                findings.Add(where + ".id", "missing or empty: the list is skipped");
+                continue;
+            }
+            listIds.insert(id->valuestring);
+            if (!cJSON_IsArray(users)) {
+                findings.Add(where + ".users", "not an array: the list is skipped");
+                continue;
+            }
+            int u = 0;
+            for (const cJSON* user = users->child; user != nullptr; user = user->next, ++u) {
+                if (!cJSON_IsString(user)) {
+                    findings.Add(where + ".users[" + std::to_string(u) + "]",
+                                 "not a text: skipped");
+                }
+            }
+        }
+    }
+    if (rules == nullptr) {
+        return 0;
+    }
+    if (!cJSON_IsArray(rules)) {
+        findings.Add("Trustrules", "not an array: no trust rule would be imported");
+        return 0;
+    }
+    int index = 0;
+    for (const cJSON* rule = rules->child; rule != nullptr; rule = rule->next, ++index) {
+        std::string where = Where("Trustrules", index);
+        if (!cJSON_IsObject(rule)) {
+            findings.Add(where, "not an object: skipped");
+            continue;
+        }
+        CheckUnknownKeys(rule, kKnown, where, findings);
+        CheckTexts(rule, kTexts, where, findings);
+        const cJSON* type = cJSON_GetObjectItemCaseSensitive(rule, "trustType");
+        long long typeValue = 0;
+        if (type == nullptr) {
+            findings.Add(where + ".trustType", "missing: stored as 0, which matches every type");
+        } else if (!ReadInteger(type, typeValue)) {
+            findings.Add(where + ".trustType", "not a whole number: stored as 0 (every type)");
+        } else if (typeValue < 0 || typeValue > 4) {
+            findings.Add(where + ".trustType",
+                         std::to_string(typeValue) + " is outside 0 to 4: the rule never applies");
+        }
+        bool sha256 = false;
+        CheckDigest(rule, "sha256", 32, where, findings, sha256);
+        const cJSON* paths = cJSON_GetObjectItemCaseSensitive(rule, "paths");
+        if (cJSON_IsString(paths) && paths->valuestring[0] != '\0') {
+            std::string list = paths->valuestring;
+            bool anyPattern = false;
+            size_t start = 0;
+            while (start <= list.size()) {
+                size_t semi = list.find(';', start);
+                std::string piece = list.substr(
+                    start, semi == std::string::npos ? std::string::npos : semi - start);
+                if (!piece.empty()) {
+                    anyPattern = true;
+                    if (PatternNeverMatches(piece)) {
+                        findings.Add(where + ".paths",
+                                     "\"" + piece +
+                                         "\" does not start with /, \\ or *: it never matches "
+                                         "an absolute path");
+                    }
+                }
+                if (semi == std::string::npos) {
+                    break;
+                }
+                start = semi + 1;
+            }
+            if (!anyPattern) {
+                findings.Add(where + ".paths",
+                             "only separators: the list matches no path, so the rule never "
+                             "applies");
+            }
+        }
+        const cJSON* userList = cJSON_GetObjectItemCaseSensitive(rule, "userList");
+        if (cJSON_IsString(userList) && userList->valuestring[0] != '\0' &&
+            listIds.count(userList->valuestring) == 0) {
+            findings.Add(where + ".userList", std::string("\"") + userList->valuestring +
+                                                  "\" is not defined in this document's "
+                                                  "Userlists");
+        }
+    }
+    if (index == 0 && (lists == nullptr || cJSON_GetArraySize(lists) == 0)) {
+        findings.Add("Trustrules", "empty: nothing would be imported");
+    }
+    return static_cast<size_t>(index);
+}
+
+}  // namespace
+
+int RunLint(const LintOptions& options) {
+    bool ok = false;
+    std::string text = ReadWholeFile(options.file, ok);
+    if (!ok) {
+        fprintf(stderr, "zelkctl: %s: cannot read: %s\n", options.file.c_str(), strerror(errno));
+        return kExitUsage;
+    }
+    std::string name = options.name.empty() ? DefaultRulesetName(options.file) : options.name;
+    DocKind kind = KindForName(name);
+    Findings findings;
+    size_t elements = 0;
+    cJSON* root = cJSON_ParseWithLength(text.data(), text.size());
+    if (root == nullptr) {
+        const char* where = cJSON_GetErrorPtr();
+        size_t offset =
+            where != nullptr && where >= text.data() && where <= text.data() + text.size()
+                ? static_cast<size_t>(where - text.data())
+                : 0;
+        unsigned line = 1;
+        for (size_t i = 0; i < offset; ++i) {
+            line += text[i] == '\n';
+        }
+        findings.Add("document", text.empty() ? "empty file"
+                                              : "not valid JSON near line " + std::to_string(line) +
+                                                    ": the import would fail");
+    } else if (!cJSON_IsObject(root)) {
+        findings.Add("document", "not a JSON object: nothing would be imported");
+    } else if (kind == DocKind::kTrustRules) {
+        elements = LintTrustRules(root, findings);
+    } else {
+        elements = LintHashRules(root, findings);
+    }
+    cJSON_Delete(root);
+    printf("%s: %s '%s', %zu %s, %zu finding%s\n", options.file.c_str(), KindName(kind),
+           name.c_str(), elements, kind == DocKind::kTrustRules ? "trust rules" : "rules",
+           findings.Count(), findings.Count() == 1 ? "" : "s");
+    findings.Print();
+    return findings.Count() == 0 ? kExitOk : kExitBlocked;
+}
+
+}  // namespace zelkctl

@@ -1,0 +1,121 @@
+// The zelkctl commands.  Each Run... returns an ExitCode (Engine.h) and prints
+// its own one-line errors.
+#ifndef ZELK_TOOLS_ZELKCTL_COMMANDS_H_
+#define ZELK_TOOLS_ZELKCTL_COMMANDS_H_
+
+#include <string>
+#include <vector>
+
+#include "Engine.h"
+
+namespace zelkctl {
+
+struct ScanOptions {
+    std::string db;
+    std::vector<std::string> dirs;
+    bool crossFilesystems = false;
+    std::string ruleset;  // stored with each item; empty by default
+    bool noProgress = false;
+};
+int RunScan(const LogOptions& log, const ScanOptions& options);
+// The scan itself, on an engine already started.
+int ScanFolders(const ScanOptions& options);
+
+// Mode options shared by the commands that decide events.
+struct ModeOptions {
+    bool lockdown = false;
+    bool logOnly = false;     // overrides a persisted lockdown
+    std::string maintenance;  // "START,END" or empty
+};
+
+struct CheckOptions {
+    std::string db;
+    std::vector<std::string> files;
+    ModeOptions modes;
+    std::string asProcess = "/usr/bin/bash";
+    std::string user;
+    bool verbose = false;
+};
+int RunCheck(const LogOptions& log, const CheckOptions& options);
+
+struct ReplayOptions {
+    std::string db;
+    std::string trace;
+    std::vector<std::string> rulesets;  // FILE or FILE:NAME
+    std::vector<std::string> vars;      // NAME=VALUE for ${NAME} in the trace
+    ModeOptions modes;
+    std::string format = "table";
+};
+int RunReplay(const LogOptions& log, const ReplayOptions& options);
+
+int RunStatus(const std::string& db);
+
+struct LintOptions {
+    std::string file;
+    std::string name;
+};
+int RunLint(const LintOptions& options);
+
+struct ImportOptions {
+    std::string db;
+    std::string file;
+    std::string name;
+    bool incremental = false;
+};
+int RunImport(const LogOptions& log, const ImportOptions& options);
+
+struct ExportOptions {
+    std::string db;
+    std::string out;
+    bool trustRules = false;
+    unsigned long from = 0;
+    unsigned long limit = 0;
+    unsigned source = 0;
+};
+int RunExport(const LogOptions& log, const ExportOptions& options);
+
+int RunMetrics(const LogOptions& log, const std::string& db, bool pretty);
+
+struct ConfigOptions {
+    std::string db;
+    bool lockdown = false;
+    bool inventoryExists = false;
+    bool rulesetExists = false;
+    bool allowlistInventory = false;
+    std::string maintenance;
+};
+int RunConfig(const LogOptions& log, const ConfigOptions& options);
+
+int RunPurge(const LogOptions& log, const std::string& db, unsigned source);
+
+struct DemoOptions {
+    std::string dir = "demo-scratch";
+    std::string examples;  // empty: the source tree's examples/
+};
+int RunDemo(const LogOptions& log, const DemoOptions& options, bool logGiven);
+
+// ---- shared by several commands ------------------------------------------
+
+// Persisted modes merged with a command's mode options; false with the
+// message printed on a usage error.
+bool ResolveModes(const std::string& db, const ModeOptions& options, HostModes& modes, int& exit);
+
+// Imports one ruleset file through set_ruleset and prints how many rules it
+// brought.  Documents written by `zelkctl export` are turned back into the
+// ruleset or trust-rule document they came from first.
+int ImportFile(EngineSession& session, const std::string& file, const std::string& name,
+               bool incremental, bool quiet);
+
+// Replays a trace through app_ctl; shared by replay and demo.  `strip` is
+// removed from the front of paths in the table.
+struct ReplayRun {
+    std::string trace;
+    std::vector<std::pair<std::string, std::string>> vars;
+    std::string format = "table";
+    std::string strip;
+};
+int ReplayTrace(const ReplayRun& run, std::string* summary);
+
+}  // namespace zelkctl
+
+#endif  // ZELK_TOOLS_ZELKCTL_COMMANDS_H_

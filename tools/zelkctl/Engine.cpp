@@ -1,0 +1,381 @@
+#include "Engine.h"
+
+#include <cjson/cJSON.h>
+#include <sys/time.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <mutex>
+#include <sstream>
+
+namespace zelkctl {
+namespace {
+
+// The engine calls back on the calling thread; app_ctl may run on several, so
+// the sink has its own lock.
+struct LogSink {
+    std::mutex mutex;
+    unsigned mask = ZELK_LOG_ERROR;
+    FILE* out = stderr;
+    unsigned captureMask = 0;
+    std::vector<std::string> captured;
+};
+
+LogSink& Sink() {
+    static LogSink sink;
+    return sink;
+}
+
+const char* LevelName(unsigned level) {
+    switch (level) {
+        case ZELK_LOG_INFO:
+            return "INFO";
+        case ZELK_LOG_WARNING:
+            return "WARNING";
+        case ZELK_LOG_ERROR:
+            return "ERROR";
+        case ZELK_LOG_TRACE:
+            return "TRACE";
+        default:
+            return "LOG";
+    }
+}
+
+int OnEngineLog(unsigned level, unsigned line, const char* function, const char* file,
+                const char* message, unsigned length) {
+    LogSink& sink = Sink();
+    std::string text(message != nullptr ? message : "", message != nullptr ? length : 0);
+    while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) {
+        text.pop_back();
+    }
+    std::lock_guard<std::mutex> lock(sink.mutex);
+    if (level & sink.mask) {
+        fprintf(sink.out, "[%s] %s:%u %s: %s\n", LevelName(level), file ? file : "?", line,
+                function ? function : "?", text.c_str());
+    }
+    if (level & sink.captureMask) {
+        sink.captured.push_back(text);
+    }
+    return 0;
+}
+
+uint64_t NowMillis() {
+    struct timeval tv;
+    gettimeofday(&tv, nullptr);
+    return static_cast<uint64_t>(tv.tv_sec) * 1000 + static_cast<uint64_t>(tv.tv_usec) / 1000;
+}
+
+bool ParseTime(const std::string& text, uint64_t& out) {
+    if (text == "now") {
+        out = NowMillis();
+        return true;
+    }
+    if (text.empty() || text[0] == '-') {
+        return false;
+    }
+    char* end = nullptr;
+    out = strtoull(text.c_str(), &end, 10);
+    return end != nullptr && *end == '\0';
+}
+
+}  // namespace
+
+bool ParseLogLevel(const std::string& text, unsigned& mask) {
+    static const struct {
+        const char* name;
+        unsigned mask;
+    } kLevels[] = {
+        {"none", 0},
+        {"error", ZELK_LOG_ERROR},
+        {"warning", ZELK_LOG_ERROR | ZELK_LOG_WARNING},
+        {"info", ZELK_LOG_ERROR | ZELK_LOG_WARNING | ZELK_LOG_INFO},
+        {"trace", ZELK_LOG_ERROR | ZELK_LOG_WARNING | ZELK_LOG_INFO | ZELK_LOG_TRACE},
+    };
+    for (const auto& level : kLevels) {
+        if (text == level.name) {
+            mask = level.mask;
+            return true;
+        }
+    }
+    char* end = nullptr;
+    unsigned long value = strtoul(text.c_str(), &end, 0);
+    if (!text.empty() && end != nullptr && *end == '\0' && value <= 15) {
+        mask = static_cast<unsigned>(value);
+        return true;
+    }
+    return false;
+}
+
+std::string StatusText(uint32_t status) {
+    switch (status) {
+        case ZELK_STATUS_SUCCESS:
+            return "success";
+        case ZELK_STATUS_BLOCKED:
+            return "blocked";
+        case ZELK_STATUS_FAILURE:
+            return "operation failed";
+        case ZELK_STATUS_NO_SIZE:
+            return "size missing";
+        case ZELK_STATUS_NOT_STARTED:
+            return "engine not started";
+        case ZELK_STATUS_BAD_PATH:
+            return "path missing or refused";
+        case ZELK_STATUS_DB_INIT_FAILED:
+            return "database could not be opened";
+        case ZELK_STATUS_LOGGER_FAILED:
+            return "logger could not be initialised";
+        case ZELK_STATUS_NO_EVENT:
+            return "no event";
+        case ZELK_STATUS_BAD_ITEM:
+            return "item lacks a required field";
+        case ZELK_STATUS_NO_BUFFER:
+            return "ruleset buffer missing";
+        case ZELK_STATUS_NO_START:
+            return "start record missing";
+        case ZELK_STATUS_BUFFER_SMALL:
+            return "buffer too small";
+        default:
+            return "unknown status";
+    }
+}
+
+std::string StatusMessage(const std::string& what, uint32_t status) {
+    char code[16];
+    snprintf(code, sizeof(code), "0x%08X", status);
+    return what + ": " + StatusText(status) + " (" + code + ")";
+}
+
+EngineSession::EngineSession(const LogOptions& log) {
+    LogSink& sink = Sink();
+    std::lock_guard<std::mutex> lock(sink.mutex);
+    sink.mask = log.mask;
+    sink.out = stderr;
+    if (!log.file.empty()) {
+        FILE* f = fopen(log.file.c_str(), "a");
+        if (f != nullptr) {
+            setvbuf(f, nullptr, _IOLBF, 0);
+            sink.out = f;
+        } else {
+            fprintf(stderr, "zelkctl: %s: cannot open log file: %s\n", log.file.c_str(),
+                    strerror(errno));
+        }
+    }
+}
+
+EngineSession::~EngineSession() {
+    if (m_Started) {
+        engine_stop();
+    }
+    LogSink& sink = Sink();
+    std::lock_guard<std::mutex> lock(sink.mutex);
+    if (sink.out != stderr) {
+        fclose(sink.out);
+        sink.out = stderr;
+    }
+    sink.captureMask = 0;
+    sink.captured.clear();
+}
+
+bool EngineSession::Start(const std::string& dbPath) {
+    ac_engine_start_s start;
+    memset(&start, 0, sizeof(start));
+    start.dbPath = dbPath.c_str();
+    {
+        LogSink& sink = Sink();
+        std::lock_guard<std::mutex> lock(sink.mutex);
+        // The engine formats only what the mask lets through, so ask for
+        // TRACE only when someone reads it.
+        start.logMask = sink.mask | ZELK_LOG_ERROR | ZELK_LOG_WARNING;
+    }
+    start.logCallback = &OnEngineLog;
+    uint32_t rc = engine_start(&start);
+    if (rc != ZELK_STATUS_SUCCESS) {
+        fprintf(stderr, "zelkctl: %s\n", StatusMessage(dbPath, rc).c_str());
+        return false;
+    }
+    m_Started = true;
+    return true;
+}
+
+void EngineSession::Capture(unsigned mask) {
+    LogSink& sink = Sink();
+    unsigned engineMask;
+    {
+        std::lock_guard<std::mutex> lock(sink.mutex);
+        sink.captureMask = mask;
+        engineMask = sink.mask | mask | ZELK_LOG_ERROR | ZELK_LOG_WARNING;
+    }
+    set_loglevel(engineMask);
+}
+
+std::vector<std::string> EngineSession::TakeCaptured() {
+    LogSink& sink = Sink();
+    std::lock_guard<std::mutex> lock(sink.mutex);
+    std::vector<std::string> out;
+    out.swap(sink.captured);
+    return out;
+}
+
+std::string EngineSession::Metrics() {
+    unsigned size = 0;
+    uint32_t rc = get_metrics_mem(nullptr, &size);
+    for (int attempt = 0; attempt < 4 && rc == ZELK_STATUS_BUFFER_SMALL; ++attempt) {
+        // The document can grow between the two calls; leave some room.
+        std::vector<char> buffer(size + 256);
+        unsigned capacity = static_cast<unsigned>(buffer.size());
+        rc = get_metrics_mem(buffer.data(), &capacity);
+        if (rc == ZELK_STATUS_SUCCESS) {
+            return std::string(buffer.data());
+        }
+        size = capacity;
+    }
+    fprintf(stderr, "zelkctl: %s\n", StatusMessage("metrics", rc).c_str());
+    return std::string();
+}
+
+std::string ModesPath(const std::string& dbPath) {
+    return dbPath + ".modes.json";
+}
+
+std::string ReadWholeFile(const std::string& path, bool& ok) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) {
+        ok = false;
+        return std::string();
+    }
+    std::stringstream buffer;
+    buffer << in.rdbuf();
+    ok = !in.bad();
+    return buffer.str();
+}
+
+bool LoadModes(const std::string& dbPath, HostModes& modes, std::string& error) {
+    modes = HostModes();
+    std::ifstream probe(ModesPath(dbPath));
+    if (!probe) {
+        return true;
+    }
+    bool ok = false;
+    std::string text = ReadWholeFile(ModesPath(dbPath), ok);
+    cJSON* root = ok ? cJSON_Parse(text.c_str()) : nullptr;
+    const cJSON* flags = cJSON_GetObjectItemCaseSensitive(root, "flags");
+    const cJSON* start = cJSON_GetObjectItemCaseSensitive(root, "maintenanceStart");
+    const cJSON* end = cJSON_GetObjectItemCaseSensitive(root, "maintenanceEnd");
+    bool good = cJSON_IsNumber(flags) && flags->valuedouble >= 0 && flags->valuedouble < 32;
+    if (good) {
+        modes.flags = static_cast<unsigned>(flags->valuedouble);
+        modes.maintenanceStart =
+            cJSON_IsNumber(start) ? static_cast<uint64_t>(start->valuedouble) : 0;
+        modes.maintenanceEnd = cJSON_IsNumber(end) ? static_cast<uint64_t>(end->valuedouble) : 0;
+    } else {
+        error = ModesPath(dbPath) + ": not a zelkctl modes file";
+    }
+    cJSON_Delete(root);
+    return good;
+}
+
+bool SaveModes(const std::string& dbPath, const HostModes& modes, std::string& error) {
+    cJSON* root = cJSON_CreateObject();
+    cJSON_AddNumberToObject(root, "flags", modes.flags);
+    cJSON_AddBoolToObject(root, "lockdown", (modes.flags & ZELK_CONFIG_LOCKDOWN) != 0);
+    cJSON_AddBoolToObject(root, "inventoryExists",
+                          (modes.flags & ZELK_CONFIG_INVENTORY_EXISTS) != 0);
+    cJSON_AddBoolToObject(root, "rulesetExists", (modes.flags & ZELK_CONFIG_RULESET_EXISTS) != 0);
+    cJSON_AddBoolToObject(root, "maintenance", (modes.flags & ZELK_CONFIG_AUTO_AUTHORIZE) != 0);
+    cJSON_AddBoolToObject(root, "allowlistInventory",
+                          (modes.flags & ZELK_CONFIG_ALLOWLIST_INVENTORY) != 0);
+    cJSON_AddNumberToObject(root, "maintenanceStart", static_cast<double>(modes.maintenanceStart));
+    cJSON_AddNumberToObject(root, "maintenanceEnd", static_cast<double>(modes.maintenanceEnd));
+    char* text = cJSON_Print(root);
+    cJSON_Delete(root);
+    std::string path = ModesPath(dbPath);
+    std::string temp = path + ".new";
+    bool ok = false;
+    {
+        std::ofstream out(temp, std::ios::trunc);
+        out << text << "\n";
+        ok = static_cast<bool>(out);
+    }
+    free(text);
+    if (!ok || rename(temp.c_str(), path.c_str()) != 0) {
+        error = path + ": cannot write: " + strerror(errno);
+        remove(temp.c_str());
+        return false;
+    }
+    return true;
+}
+
+std::string DescribeModes(const HostModes& modes) {
+    std::string text = (modes.flags & ZELK_CONFIG_LOCKDOWN) ? "lockdown" : "log-only";
+    if (modes.flags & ZELK_CONFIG_AUTO_AUTHORIZE) {
+        text += ", maintenance " + std::to_string(modes.maintenanceStart) + ".." +
+                std::to_string(modes.maintenanceEnd);
+    }
+    if (modes.flags & ZELK_CONFIG_INVENTORY_EXISTS) {
+        text += ", inventory exists";
+    }
+    if (modes.flags & ZELK_CONFIG_RULESET_EXISTS) {
+        text += ", ruleset exists";
+    }
+    if (modes.flags & ZELK_CONFIG_ALLOWLIST_INVENTORY) {
+        text += ", allow-list inventory";
+    }
+    return text;
+}
+
+bool ApplyModes(const HostModes& modes) {
+    uint32_t rc = set_config(modes.flags, modes.maintenanceStart, modes.maintenanceEnd);
+    if (rc != ZELK_STATUS_SUCCESS) {
+        fprintf(stderr, "zelkctl: %s\n", StatusMessage("set_config", rc).c_str());
+        return false;
+    }
+    return true;
+}
+
+bool ParseWindow(const std::string& text, uint64_t& start, uint64_t& end) {
+    size_t comma = text.find(',');
+    if (comma == std::string::npos) {
+        return false;
+    }
+    return ParseTime(text.substr(0, comma), start) && ParseTime(text.substr(comma + 1), end);
+}
+
+std::string DefaultRulesetName(const std::string& path) {
+    size_t slash = path.find_last_of('/');
+    std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
+    const std::string suffix = ".json";
+    if (base.size() > suffix.size() &&
+        base.compare(base.size() - suffix.size(), suffix.size(), suffix) == 0) {
+        base.erase(base.size() - suffix.size());
+    }
+    return base;
+}
+
+DocKind KindForName(const std::string& name) {
+    std::string lower = name;
+    for (char& c : lower) {
+        c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+    }
+    if (lower.find("agent") != std::string::npos) {
+        return DocKind::kAgentManifest;
+    }
+    if (lower.find("trustrules") != std::string::npos) {
+        return DocKind::kTrustRules;
+    }
+    return DocKind::kHashRuleset;
+}
+
+const char* KindName(DocKind kind) {
+    switch (kind) {
+        case DocKind::kAgentManifest:
+            return "agent manifest";
+        case DocKind::kTrustRules:
+            return "trust rules";
+        default:
+            return "hash ruleset";
+    }
+}
+
+}  // namespace zelkctl

@@ -1,0 +1,93 @@
+// zelkctl's side of the engine: one started engine per command run, the log
+// callback that routes engine messages to the user, the host-side mode file,
+// and status codes in words.  Everything here goes through zelk.h only.
+#ifndef ZELK_TOOLS_ZELKCTL_ENGINE_H_
+#define ZELK_TOOLS_ZELKCTL_ENGINE_H_
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "zelk.h"
+
+namespace zelkctl {
+
+// Exit codes of every command.
+enum ExitCode { kExitOk = 0, kExitBlocked = 1, kExitUsage = 2, kExitEngine = 3 };
+
+// Global options.
+struct LogOptions {
+    unsigned mask = ZELK_LOG_ERROR;  // levels written to the log file or stderr
+    std::string file;                // empty: stderr
+};
+
+// Parses "none", "error", "warning", "info", "trace" (each includes the more
+// severe levels) or a number mask.  False for anything else.
+bool ParseLogLevel(const std::string& text, unsigned& mask);
+
+// "engine not started", "database could not be opened", ...
+std::string StatusText(uint32_t status);
+// "<what>: <status in words> (0xC0000006)"
+std::string StatusMessage(const std::string& what, uint32_t status);
+
+// One started engine; stops it when destroyed.  Only one may exist at a time
+// (the engine is a process singleton).
+class EngineSession {
+  public:
+    explicit EngineSession(const LogOptions& log);
+    ~EngineSession();
+    EngineSession(const EngineSession&) = delete;
+    EngineSession& operator=(const EngineSession&) = delete;
+
+    // Starts the engine on `dbPath`.  On failure prints the one-line error
+    // and returns false.
+    bool Start(const std::string& dbPath);
+
+    // While on, every engine message of the levels in `mask` is also kept
+    // (in addition to the log options' routing) for TakeCaptured.
+    void Capture(unsigned mask);
+    std::vector<std::string> TakeCaptured();
+
+    // The metrics document, or empty with the status printed.
+    std::string Metrics();
+
+  private:
+    bool m_Started = false;
+};
+
+// Modes a host must apply at every start: the engine keeps them in memory
+// only.  zelkctl keeps them beside the database in "<db>.modes.json".
+struct HostModes {
+    unsigned flags = 0;  // ZELK_CONFIG_* bits
+    uint64_t maintenanceStart = 0;
+    uint64_t maintenanceEnd = 0;
+};
+std::string ModesPath(const std::string& dbPath);
+// Missing file: default modes, true.  Unreadable or malformed: false.
+bool LoadModes(const std::string& dbPath, HostModes& modes, std::string& error);
+bool SaveModes(const std::string& dbPath, const HostModes& modes, std::string& error);
+// "lockdown, maintenance 1000..2000" or "log-only".
+std::string DescribeModes(const HostModes& modes);
+
+// Applies `modes` with set_config; prints the error and returns false.
+bool ApplyModes(const HostModes& modes);
+
+// Parses "START,END" in milliseconds since the epoch; either may be "now".
+bool ParseWindow(const std::string& text, uint64_t& start, uint64_t& end);
+
+// The ruleset name zelkctl gives a file imported without --name: its base
+// name without a ".json" ending.
+std::string DefaultRulesetName(const std::string& path);
+
+std::string ReadWholeFile(const std::string& path, bool& ok);
+
+// The engine picks a document's kind by its ruleset name, not its content:
+// "agent" anywhere (any case) is the agent manifest, else "trustrules" a
+// trust-rule document, else a hash ruleset.
+enum class DocKind { kHashRuleset, kAgentManifest, kTrustRules };
+DocKind KindForName(const std::string& name);
+const char* KindName(DocKind kind);
+
+}  // namespace zelkctl
+
+#endif  // ZELK_TOOLS_ZELKCTL_ENGINE_H_
