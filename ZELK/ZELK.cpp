@@ -274,10 +274,6 @@ uint32_t set_ruleset_buffer(bool flag, const char* buffer, const char* name) {
 
 uint32_t get_inventory(unsigned long fromItemId, unsigned long limit, unsigned source,
                        const char* first, const char* second) {
-    (void)fromItemId;
-    (void)limit;
-    (void)source;
-    (void)second;
     return Guarded(__func__, [&]() -> uint32_t {
         if (first == nullptr) {
             return ZELK_STATUS_BAD_PATH;
@@ -285,7 +281,17 @@ uint32_t get_inventory(unsigned long fromItemId, unsigned long limit, unsigned s
         if (engine == nullptr) {
             return ZELK_STATUS_NOT_STARTED;
         }
-        return NotAvailable(__func__);
+        // After an inventory rebuild the rows up to the previous maximum are
+        // the host's already; never hand them out again.
+        unsigned long previousMax = config.GetPreviousMaxInventoryItemId();
+        if (fromItemId < previousMax) {
+            fromItemId = previousMax;
+        }
+        // A missing table name selects the inventory, as an empty one does.
+        std::string table = second != nullptr ? second : "";
+        return ZELKDAL::GetDAL().GetItems(fromItemId, limit, source, first, table)
+                   ? ZELK_STATUS_SUCCESS
+                   : ZELK_STATUS_FAILURE;
     });
 }
 

@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "ZELK.h"
+#include "ZELKDataAccessLayer.h"
 #include "ZELKEventAbstraction.h"
 #include "ZELKLogger.h"
 
@@ -143,12 +144,16 @@ unsigned int ZELKStats::GetMetrics(char* buffer, unsigned int* size) {
             AddCounters(object, *group.second, kTypedGroupLimit);
         }
         cJSON* trustRules = cJSON_AddArrayToObject(metrics, "trustrules_stats");
-        (void)trustRules;  // filled by the store once its metrics exist
+        ZELKDAL::GetDAL().PrepareMetrics(trustRules);
         if (ZELKEngine* engineObject = ZELKEngine::GetEngine()) {
             engineObject->AddMetrics(metrics);
         }
         cJSON* dbInfo = cJSON_AddObjectToObject(metrics, "dbinfo");
-        (void)dbInfo;  // filled by the store once its metrics exist
+        ZELKDAL& dal = ZELKDAL::GetDAL();
+        dal.PrepareMetricsDBInfo(dbInfo);
+        dal.PrepareMetricsDBInfoTrustRules(dbInfo);
+        dal.PrepareMetricsDBInfoRulesets(dbInfo);
+        dal.PrepareMetricsDBSize(dbInfo);
         text.reset(cJSON_PrintUnformatted(root.get()));
     }
     if (!text) {
