@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
-# Builds zelk and runs the main job: the demo host on a scratch database in
-# ./demo-scratch (created beside the repository's build folder).
+# Builds zelk and runs the main job: `zelkctl demo`, which writes a few small
+# programs into ./demo-scratch, takes an inventory, loads the example policy
+# from examples/ and replays the example trace in log-only mode and in
+# lockdown, printing every verdict with its reason.
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
 "$root/scripts/install-deps.sh"
 cmake -S "$root" -B "$root/build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build "$root/build" -j"$(nproc)" --target zelk-demo
-mkdir -p "$root/demo-scratch"
-cd "$root" && "$root/build/tools/zelk-demo" "$root/demo-scratch"
+cmake --build "$root/build" -j"$(nproc)" --target zelkctl
+cd "$root" && "$root/build/tools/zelkctl/zelkctl" demo --dir "$root/demo-scratch"
