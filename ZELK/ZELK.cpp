@@ -223,12 +223,16 @@ uint32_t flush_db_buffer(void) {
         if (engine == nullptr) {
             return ZELK_STATUS_NOT_STARTED;
         }
-        return NotAvailable(__func__);
+        // All three always run; only "nothing written anywhere" fails.
+        ZELKDAL& dal = ZELKDAL::GetDAL();
+        uint64_t written = static_cast<uint64_t>(dal.StoreItemFlush());
+        written += static_cast<uint64_t>(dal.StoreTrustRuleFlush());
+        written += static_cast<uint64_t>(dal.StoreUserListFlush());
+        return written != 0 ? ZELK_STATUS_SUCCESS : ZELK_STATUS_FAILURE;
     });
 }
 
 uint32_t store_item(ac_db_item_s* item, bool buffered) {
-    (void)buffered;
     return Guarded(__func__, [&]() -> uint32_t {
         if (engine == nullptr) {
             return ZELK_STATUS_NOT_STARTED;
@@ -237,7 +241,9 @@ uint32_t store_item(ac_db_item_s* item, bool buffered) {
             item->nativePath == nullptr || item->ruleset == nullptr) {
             return ZELK_STATUS_BAD_ITEM;
         }
-        return NotAvailable(__func__);
+        ZELKDAL& dal = ZELKDAL::GetDAL();
+        bool stored = buffered ? dal.StoreItemBuffer(item) : dal.StoreItem(item);
+        return stored ? ZELK_STATUS_SUCCESS : ZELK_STATUS_FAILURE;
     });
 }
 

@@ -259,6 +259,30 @@ class ZELKDAL {
     // lists while the store is still open.
     void FlushPendingWrites();
 
+    // Allow-lookup internals; caller holds m_DataMutex.  The search runs the
+    // digest lookups in their fixed order and returns the statement of the
+    // last one it stepped (rc: SQLITE_ROW, SQLITE_DONE or an error), not yet
+    // reset; null when the lookup could not run.
+    StmtHolder IsAllowedInDBSearch(ac_event& event, int& rc);
+    // Checks on the current row of a "SELECT * FROM InventoryItems".
+    static bool IsAllowedInRuleSet(sqlite3_stmt* stmt);
+    static bool IsAllowedInDrift(sqlite3_stmt* stmt);
+    static bool IsAllowedInInventory(sqlite3_stmt* stmt);
+    // UpdatePrelinkItem under the mutex; `counter` gets the statistics key
+    // to count once the mutex is released.
+    bool UpdatePrelinkItemLocked(ac_event& event, const char*& counter);
+
+    // Store internals; caller holds m_DataMutex.  Each flush writes its whole
+    // queue in one transaction and empties the queue; a failed batch is
+    // rolled back and dropped.
+    bool StoreItemInternal(ac_event& event);
+    bool StoreItemFlushInternal();
+    bool StoreTrustRuleInternal(const ac_trust_rule& rule);
+    bool StoreUserListInternal(const ac_user_list& entry);
+    // Defined and used only in ZELKDataAccessLayerStore.cpp.
+    template <typename Record, typename Store>
+    bool FlushQueueInternal(std::deque<Record>& queue, const char* name, Store store);
+
     DBHolder DBHandle() const { return std::atomic_load(&m_DB); }
 
     // Written only while closed (SetDBPath) or on first open (empty -> ac.db);
