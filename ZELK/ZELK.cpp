@@ -41,11 +41,6 @@ uint32_t Guarded(const char* function, Body&& body) noexcept {
     return ZELK_STATUS_FAILURE;
 }
 
-uint32_t NotAvailable(const char* function) {
-    ZELKLogger::GetInstance().Log(ZLOG_ERROR, function, ZELK_LOG_FILE, __LINE__,
-                                  "the policy store is not available in this build");
-    return ZELK_STATUS_FAILURE;
-}
 }  // namespace
 
 extern "C" {
@@ -248,8 +243,6 @@ uint32_t store_item(ac_db_item_s* item, bool buffered) {
 }
 
 uint32_t set_ruleset(bool flag, const char* path, const char* name) {
-    (void)flag;
-    (void)name;
     return Guarded(__func__, [&]() -> uint32_t {
         if (engine == nullptr) {
             return ZELK_STATUS_NOT_STARTED;
@@ -260,12 +253,13 @@ uint32_t set_ruleset(bool flag, const char* path, const char* name) {
         // Cached allow decisions must not outlive a ruleset change, even when
         // the import then fails.
         engine->GetAllowCache().FlushCache();
-        return NotAvailable(__func__);
+        return ZELKDAL::GetDAL().ImportRuleset(flag, path, name != nullptr ? name : "")
+                   ? ZELK_STATUS_SUCCESS
+                   : ZELK_STATUS_FAILURE;
     });
 }
 
 uint32_t set_ruleset_buffer(bool flag, const char* buffer, const char* name) {
-    (void)flag;
     return Guarded(__func__, [&]() -> uint32_t {
         if (buffer == nullptr || name == nullptr) {
             return ZELK_STATUS_NO_BUFFER;
@@ -274,7 +268,8 @@ uint32_t set_ruleset_buffer(bool flag, const char* buffer, const char* name) {
             return ZELK_STATUS_NOT_STARTED;
         }
         engine->GetAllowCache().FlushCache();
-        return NotAvailable(__func__);
+        return ZELKDAL::GetDAL().ImportRulesetBuffer(flag, buffer, name) ? ZELK_STATUS_SUCCESS
+                                                                         : ZELK_STATUS_FAILURE;
     });
 }
 
