@@ -5,6 +5,7 @@
 
 #include "ZELK.h"
 #include "ZELKLogger.h"
+#include "ZELKStats.h"
 
 namespace {
 // Assigns a host text when present and returns whether it was.
@@ -42,9 +43,317 @@ uint32_t ZELKEngine::ProcessEvent(ac_wrapper_event_s* in, ac_wrapper_response_s*
 }
 
 bool ZELKEngine::ProcessEvent(ac_event& event) {
-    // No decision logic yet: every event is reported as not handled.
-    event.action = AC_ACTION_NOT_HANDLED;
+    ZTRACE("Processing event. EventType: %d Maintenance Mode: %d LockDown: %d", event.eventType,
+           config.GetInventoryAutoAuthorize(), config.GetLockdown());
+    if (event.eventType == AC_TYPE_NONE) {
+        if (GetAllowCache().IsCached(event.user, event.processName, event.name)) {
+            event.action = AC_ACTION_ALLOW;
+            event.authorizedState = AC_AUTH_ALLOW_CACHE;
+            return true;
+        }
+        ZTRACE("AllowCache miss for user: %s process: %s target: %s", event.user.c_str(),
+               event.processName.c_str(), event.name.c_str());
+    }
+    if (AbstractEvent(event) && CheckExcludeTrustRules(event)) {
+        return HandleEvent(event);
+    }
+    ZTRACE("Not Handling Event of type: %d", event.eventType);
+    ZELKStats::GetStats().Inc("TotalIgnoredEvent");
     return false;
+}
+
+namespace {
+// The text after the last "." of `name`.  A name without any "." yields the
+// whole name (the not-found position plus one is 0); a name whose only "."
+// is its first character yields nothing.  Hosts rely on both quirks.
+void SetSuffix(ac_event& event) {
+    event.suffix.clear();
+    const size_t dot = event.name.rfind('.');
+    if (dot != 0) {
+        event.suffix = event.name.substr(dot + 1);
+    }
+}
+}  // namespace
+
+bool ZELKEngine::AbstractEvent(ac_event& event) {
+    ZTRACE("EventAbstraction");
+    if (!event.name.empty()) {
+        const size_t slash = event.name.rfind('/');
+        if (slash != std::string::npos) {
+            event.path.assign(event.name, 0, slash + 1);
+            event.fileName.assign(event.name, slash + 1, std::string::npos);
+        } else {
+            event.fileName = event.name;
+        }
+    }
+    if (event.extension.empty()) {
+        const size_t dot = event.fileName.rfind('.');
+        if (dot != std::string::npos) {
+            event.extension.assign(event.fileName, dot + 1, std::string::npos);
+        }
+    }
+
+    ac_process_info process;
+    process.pid = event.pid;
+    if (!event.processName.empty()) {
+        const size_t slash = event.processName.rfind('/');
+        if (slash != std::string::npos) {
+            process.path.assign(event.processName, 0, slash + 1);
+            process.fileName.assign(event.processName, slash + 1, std::string::npos);
+            event.processPath = process.path;
+            event.processFileName = process.fileName;
+        }
+        ZTRACE("Process name=%s path=%s fileName=%s procUser=%s procGroup=%s \n",
+               event.processName.c_str(), process.path.c_str(), process.fileName.c_str(),
+               event.user.c_str(), event.group.c_str());
+    }
+
+    event.abstractEventType = event.eventType;
+    bool handled = true;
+    switch (event.eventType) {
+        case 15:
+        case 29:
+            handled = EventCreatePre(event, process);
+            break;
+        case 16:
+            handled = EventCreatePost(event);
+            break;
+        case 17:
+            handled = EventCleanupPre(event);
+            break;
+        case 23:
+            handled = EventExecPre(event);
+            break;
+        case 30:
+            handled = EventOpenPost(event);
+            break;
+        case 32:
+        case 34:
+            handled = EventChmodPost(event);
+            break;
+        case 36:
+            handled = EventClosePost(event);
+            break;
+        case 40:
+            handled = EventRenamePost(event);
+            break;
+        case 42:
+        case 44:
+        case 46:
+        case 48:
+            handled = EventChownPost(event);
+            break;
+        case 50:
+        case 57:
+            handled = EventDeletePost(event);
+            break;
+        case 53:
+            handled = EventMmapPre(event);
+            break;
+        default:
+            ZTRACE("Event not processed fell through");
+            event.action = AC_ACTION_NOT_HANDLED;
+            break;
+    }
+    // Directory exclusion is evaluated whatever the handler said, so its
+    // side effects (allow-cache removal, counter) always happen.
+    const bool included = DirectoryExclude(event);
+    const bool result = handled && included;
+    ZTRACE("Returning %d from EventAbstraction | EventAbs: %d && DynamicRules: %d", result, handled,
+           included);
+    return result;
+}
+
+bool ZELKEngine::EventCreatePre(ac_event& event, ac_process_info& process) {
+    ZTRACE("Event Create Pre Abstraction");
+    size_t typeIndex = 0;
+    bool cached = false;
+    if (process.fileName.empty()) {
+        ZTRACE("process filename is empty");
+    } else if ((typeIndex = GetProcessCache().GetProcess(process.pid, process.fileName)) != 0) {
+        cached = true;
+        ZTRACE("process type index is empty");
+        if (event.name.empty()) {
+            ZTRACE("Event name empty. Returning false from event abstraction.");
+            return false;
+        }
+    }
+    if (!cached) {
+        typeIndex = GetQuery().GetProcessInterpreterType(process);
+        ZTRACE("processTypeIndex=%d", static_cast<int>(typeIndex));
+        if (typeIndex != ZELKQuery::kNoProcessType) {
+            GetProcessCache().AddProcess(process.pid, typeIndex, process.fileName);
+        }
+        if (event.name.empty()) {
+            ZTRACE("Event name empty. Returning false from event abstraction.");
+            return false;
+        }
+        if (typeIndex == 0) {
+            ZTRACE("Script exec not detected. Process type index: %lu",
+                   static_cast<unsigned long>(typeIndex));
+            ZTRACE("Returning false from EventCreatePre");
+            return false;
+        }
+    }
+    if (!GetQuery().IsInterpreter(typeIndex)) {
+        ZTRACE("Script exec not detected. Process type index: %lu",
+               static_cast<unsigned long>(typeIndex));
+        ZTRACE("Returning false from EventCreatePre");
+        return false;
+    }
+    const bool interpreted = GetQuery().IsExtensionInterpreted(typeIndex, event.extension);
+    const bool onCommandLine = IsOnCommandLine(event);
+    ZTRACE("bIsExtensionInterpreted %d bIsOnTheCommandLine %d isexec %d", interpreted,
+           onCommandLine, event.isexec);
+    if (!interpreted && (!onCommandLine || event.isexec == 0)) {
+        ZTRACE("File extension is not interpreted by process type %d", static_cast<int>(typeIndex));
+        ZTRACE("Returning false from EventCreatePre");
+        return false;
+    }
+    ZELKStats::GetStats().Inc("RunScript");
+    event.eventType = AC_TYPE_SCRIPT_START;
+    return true;
+}
+
+bool ZELKEngine::EventCreatePost(ac_event& event) {
+    if (event.dirty) {
+        event.eventType = AC_TYPE_DRIFT;
+        event.abstractEventType = AC_TYPE_DRIFT_WRITE;
+        event.action = AC_ACTION_NOT_HANDLED;
+    } else {
+        event.action = AC_ACTION_NOT_HANDLED;
+        ZTRACE("Create Post event not dirty, ignoring");
+    }
+    return event.dirty != 0;
+}
+
+bool ZELKEngine::EventCleanupPre(ac_event& event) {
+    event.action = AC_ACTION_NOT_HANDLED;
+    if (event.dirty && event.name.find(':') == std::string::npos) {
+        event.eventType = AC_TYPE_DRIFT;
+    }
+    return true;
+}
+
+bool ZELKEngine::EventExecPre(ac_event& event) {
+    ZELKStats::GetStats().Inc("RunProgram");
+    event.eventType = AC_TYPE_PROCESS_START;
+    return true;
+}
+
+bool ZELKEngine::EventOpenPost(ac_event& event) {
+    constexpr uint64_t kCreateOrTruncate = 0x240;  // O_CREAT | O_TRUNC
+    if ((event.flags & kCreateOrTruncate) != 0 &&
+        GetQuery().IsPrelink(GetProcessCache().GetProcess(event.pid, event.processFileName))) {
+        ZWARNING("Not supported yet\n");
+    }
+    return true;
+}
+
+bool ZELKEngine::EventChmodPost(ac_event& event) {
+    if (event.result == 0) {
+        event.eventType = AC_TYPE_DRIFT;
+        event.abstractEventType = AC_TYPE_DRIFT;
+    }
+    return true;
+}
+
+bool ZELKEngine::EventClosePost(ac_event& event) {
+    event.eventType = AC_TYPE_DRIFT;
+    event.abstractEventType = AC_TYPE_DRIFT_WRITE;
+    return true;
+}
+
+bool ZELKEngine::EventRenamePost(ac_event& event) {
+    if (event.result == 0) {
+        event.eventType = AC_TYPE_DRIFT;
+        event.abstractEventType = AC_TYPE_RENAME;
+    }
+    return true;
+}
+
+bool ZELKEngine::EventChownPost(ac_event& event) {
+    if (event.result == 0) {
+        SetSuffix(event);
+        event.eventType = AC_TYPE_DRIFT;
+        event.abstractEventType = AC_TYPE_DRIFT;
+    }
+    return true;
+}
+
+bool ZELKEngine::EventDeletePost(ac_event& event) {
+    if (event.result == 0) {
+        SetSuffix(event);
+        event.eventType = AC_TYPE_DELETE;
+        event.abstractEventType = AC_TYPE_DELETE;
+        GetAllowCache().RemoveCacheNode(event.name);
+    }
+    return true;
+}
+
+bool ZELKEngine::EventMmapPre(ac_event& event) {
+    constexpr uint64_t kProtExec = 4;
+    if ((event.mode & kProtExec) != 0) {
+        event.eventType = AC_TYPE_MMAP;
+    }
+    return true;
+}
+
+bool ZELKEngine::IsOnCommandLine(ac_event& event) {
+    if (event.fileName.empty() || event.cmdLine.empty()) {
+        ZTRACE("No cmdline or file to check");
+        return false;
+    }
+    if (event.cmdLine.find(event.fileName) != std::string::npos) {
+        ZTRACE("Filename matches process command line");
+        return true;
+    }
+    ZTRACE("Filename does not match process command line");
+    return false;
+}
+
+bool ZELKEngine::DirectoryExclude(ac_event& event) {
+    const uint32_t kind = event.abstractEventType;
+    if (kind != AC_TYPE_DRIFT && kind != AC_TYPE_RENAME && kind != AC_TYPE_DRIFT_WRITE) {
+        return true;
+    }
+    if (config.GetInventoryAutoAuthorize()) {
+        return true;
+    }
+    if (GetQuery().ShouldScanFolder(event)) {
+        return true;
+    }
+    ZTRACE("Excluding event %s, based on directory", event.path.c_str());
+    event.action = AC_ACTION_NOT_HANDLED;
+    event.authorizedState = AC_AUTH_EXCLUDED;
+    ZELKStats::GetStats().Inc("EventExcludedBasedOnDirectory");
+    GetAllowCache().RemoveCacheNode(event.name);
+    return false;
+}
+
+bool ZELKEngine::HandleEvent(ac_event& event) {
+    if (event.eventType == AC_TYPE_NONE) {
+        event.authorizedState = AC_AUTH_NONE;
+        event.action = AC_ACTION_NOT_HANDLED;
+        return false;
+    }
+    ZTRACE("Handling event of type: %d", event.eventType);
+    switch (event.eventType) {
+        case AC_TYPE_PROCESS_START:
+            return HandleProcessStartEvent(event);
+        case AC_TYPE_DRIFT:
+            return HandleFileSystemMonitorEvent(event);
+        case AC_TYPE_DELETE:
+            return HandleDeleteEvent(event);
+        case AC_TYPE_SCRIPT_START:
+            return HandleScriptStartEvent(event);
+        case AC_TYPE_MMAP:
+            return HandleMmapStartEvent(event);
+        default:
+            ZWARNING("Unknown event type %d", event.eventType);
+            event.action = AC_ACTION_ERROR;
+            return false;
+    }
 }
 
 void ZELKEngine::ConvertEvent(const ac_wrapper_event_s* in, ac_event& out) {
@@ -154,4 +463,6 @@ void ZELKEngine::UpdateResponse(const ac_event& event, ac_wrapper_response_s* ou
     }
 }
 
-void ZELKEngine::AddMetrics(cJSON* metrics) { GetAllowCache().GetMetrics(metrics); }
+void ZELKEngine::AddMetrics(cJSON* metrics) {
+    GetAllowCache().GetMetrics(metrics);
+}
