@@ -130,29 +130,20 @@ class EndToEnd : public ::testing::Test {
         ASSERT_EQ(store_item(&item, false), ZELK_STATUS_SUCCESS);
     }
 
-    long Metric(const std::string& key) {
+    // A number of the metrics document: "metrics".<key>, or
+    // "metrics".<section>.<key> when a section is named; 0 when absent.
+    long Metric(const std::string& key, const char* section = nullptr) {
         unsigned size = 0;
         get_metrics_mem(nullptr, &size);
         std::vector<char> buffer(size);
         EXPECT_EQ(get_metrics_mem(buffer.data(), &size), ZELK_STATUS_SUCCESS);
         cJSON* doc = cJSON_Parse(buffer.data());
-        cJSON* metrics = cJSON_GetObjectItemCaseSensitive(doc, "metrics");
-        cJSON* item = cJSON_GetObjectItemCaseSensitive(metrics, key.c_str());
+        cJSON* parent = cJSON_GetObjectItemCaseSensitive(doc, "metrics");
+        if (section != nullptr) {
+            parent = cJSON_GetObjectItemCaseSensitive(parent, section);
+        }
+        cJSON* item = cJSON_GetObjectItemCaseSensitive(parent, key.c_str());
         long value = item ? static_cast<long>(item->valuedouble) : 0;
-        cJSON_Delete(doc);
-        return value;
-    }
-
-    long AllowCacheMetric(const std::string& key) {
-        unsigned size = 0;
-        get_metrics_mem(nullptr, &size);
-        std::vector<char> buffer(size);
-        get_metrics_mem(buffer.data(), &size);
-        cJSON* doc = cJSON_Parse(buffer.data());
-        cJSON* cache = cJSON_GetObjectItemCaseSensitive(
-            cJSON_GetObjectItemCaseSensitive(doc, "metrics"), "AllowCache");
-        cJSON* item = cJSON_GetObjectItemCaseSensitive(cache, key.c_str());
-        long value = item ? static_cast<long>(item->valuedouble) : -1;
         cJSON_Delete(doc);
         return value;
     }
@@ -429,7 +420,7 @@ TEST_F(EndToEnd, ScriptsMappingsAndTheAllowCache) {
     v = Run(cached);
     EXPECT_EQ(v.response.action, ZELK_ACTION_ALLOW);
     EXPECT_EQ(v.response.authorizedState, 3u);
-    EXPECT_EQ(AllowCacheMetric("Hit"), 1);
+    EXPECT_EQ(Metric("Hit", "AllowCache"), 1);
 
     // ...until the file drifts...
     HostEvent drift = program;
@@ -444,7 +435,7 @@ TEST_F(EndToEnd, ScriptsMappingsAndTheAllowCache) {
     EXPECT_EQ(Run(cached).response.action, ZELK_ACTION_ALLOW);
     Import("Weekly", "{\"rules\":[]}");
     EXPECT_EQ(Run(cached).response.action, ZELK_ACTION_NOT_HANDLED);
-    EXPECT_EQ(AllowCacheMetric("Clear"), 2) << "the manifest import flushed it once already";
+    EXPECT_EQ(Metric("Clear", "AllowCache"), 2) << "the manifest import flushed it once already";
 }
 
 TEST_F(EndToEnd, ConcurrentMixedEventsKeepCountersConsistent) {
