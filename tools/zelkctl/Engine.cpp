@@ -43,6 +43,14 @@ const char* LevelName(unsigned level) {
     }
 }
 
+// The store reports every statement it releases at shutdown, and the size of
+// its schema when it creates a database, at ERROR level although nothing is
+// wrong.  A user of the command line is shown them only when asking for TRACE.
+bool IsLifecycleChatter(const std::string& text) {
+    return text.rfind("Finalize m_", 0) == 0 || text.rfind("ignore Finalize m_", 0) == 0 ||
+           text.rfind("SCHEMA SIZE: ", 0) == 0;
+}
+
 int OnEngineLog(unsigned level, unsigned line, const char* function, const char* file,
                 const char* message, unsigned length) {
     LogSink& sink = Sink();
@@ -51,7 +59,10 @@ int OnEngineLog(unsigned level, unsigned line, const char* function, const char*
         text.pop_back();
     }
     std::lock_guard<std::mutex> lock(sink.mutex);
-    if (level & sink.mask) {
+    const bool shown =
+        (level & sink.mask) != 0 &&
+        ((sink.mask & ZELK_LOG_TRACE) != 0 || level != ZELK_LOG_ERROR || !IsLifecycleChatter(text));
+    if (shown) {
         fprintf(sink.out, "[%s] %s:%u %s: %s\n", LevelName(level), file ? file : "?", line,
                 function ? function : "?", text.c_str());
     }
@@ -61,91 +72,7 @@ int OnEngineLog(unsigned level, unsigned line, const char* function, const char*
     return 0;
 }
 
-uint64_t NowMillis() {
-    struct timeval tv;
-    gettimeofday(&tv, nullptr);
-    return static_cast<uint64_t>(tv.tv_sec) * 1000 + static_cast<uint64_t>(tv.tv_usec) / 1000;
-}
-
-bool ParseTime(const std::string& text, uint64_t& out) {
-    if (text == "now") {
-        out = NowMillis();
-        return true;
-    }
-    if (text.empty() || text[0] == '-') {
-        return false;
-    }
-    char* end = nullptr;
-    out = strtoull(text.c_str(), &end, 10);
-    return end != nullptr && *end == '\0';
-}
-
 }  // namespace
-
-bool ParseLogLevel(const std::string& text, unsigned& mask) {
-    static const struct {
-        const char* name;
-        unsigned mask;
-    } kLevels[] = {
-        {"none", 0},
-        {"error", ZELK_LOG_ERROR},
-        {"warning", ZELK_LOG_ERROR | ZELK_LOG_WARNING},
-        {"info", ZELK_LOG_ERROR | ZELK_LOG_WARNING | ZELK_LOG_INFO},
-        {"trace", ZELK_LOG_ERROR | ZELK_LOG_WARNING | ZELK_LOG_INFO | ZELK_LOG_TRACE},
-    };
-    for (const auto& level : kLevels) {
-        if (text == level.name) {
-            mask = level.mask;
-            return true;
-        }
-    }
-    char* end = nullptr;
-    unsigned long value = strtoul(text.c_str(), &end, 0);
-    if (!text.empty() && end != nullptr && *end == '\0' && value <= 15) {
-        mask = static_cast<unsigned>(value);
-        return true;
-    }
-    return false;
-}
-
-std::string StatusText(uint32_t status) {
-    switch (status) {
-        case ZELK_STATUS_SUCCESS:
-            return "success";
-        case ZELK_STATUS_BLOCKED:
-            return "blocked";
-        case ZELK_STATUS_FAILURE:
-            return "operation failed";
-        case ZELK_STATUS_NO_SIZE:
-            return "size missing";
-        case ZELK_STATUS_NOT_STARTED:
-            return "engine not started";
-        case ZELK_STATUS_BAD_PATH:
-            return "path missing or refused";
-        case ZELK_STATUS_DB_INIT_FAILED:
-            return "database could not be opened";
-        case ZELK_STATUS_LOGGER_FAILED:
-            return "logger could not be initialised";
-        case ZELK_STATUS_NO_EVENT:
-            return "no event";
-        case ZELK_STATUS_BAD_ITEM:
-            return "item lacks a required field";
-        case ZELK_STATUS_NO_BUFFER:
-            return "ruleset buffer missing";
-        case ZELK_STATUS_NO_START:
-            return "start record missing";
-        case ZELK_STATUS_BUFFER_SMALL:
-            return "buffer too small";
-        default:
-            return "unknown status";
-    }
-}
-
-std::string StatusMessage(const std::string& what, uint32_t status) {
-    char code[16];
-    snprintf(code, sizeof(code), "0x%08X", status);
-    return what + ": " + StatusText(status) + " (" + code + ")";
-}
 
 EngineSession::EngineSession(const LogOptions& log) {
     LogSink& sink = Sink();
@@ -332,25 +259,6 @@ bool ApplyModes(const HostModes& modes) {
         return false;
     }
     return true;
-}
-
-bool ParseWindow(const std::string& text, uint64_t& start, uint64_t& end) {
-    size_t comma = text.find(',');
-    if (comma == std::string::npos) {
-        return false;
-    }
-    return ParseTime(text.substr(0, comma), start) && ParseTime(text.substr(comma + 1), end);
-}
-
-std::string DefaultRulesetName(const std::string& path) {
-    size_t slash = path.find_last_of('/');
-    std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
-    const std::string suffix = ".json";
-    if (base.size() > suffix.size() &&
-        base.compare(base.size() - suffix.size(), suffix.size(), suffix) == 0) {
-        base.erase(base.size() - suffix.size());
-    }
-    return base;
 }
 
 DocKind KindForName(const std::string& name) {
