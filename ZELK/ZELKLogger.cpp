@@ -12,11 +12,6 @@ constexpr size_t kTimeBufferSize = 160;
 constexpr unsigned kAllLevels = ZLOG_INFO | ZLOG_WARNING | ZLOG_ERROR | ZLOG_TRACE;
 }  // namespace
 
-ZELKLogger& ZELKLogger::GetInstance() {
-    static ZELKLogger instance;
-    return instance;
-}
-
 ZELKLogger::~ZELKLogger() {
     std::lock_guard<std::mutex> lock(m_FileMutex);
     CloseFile();

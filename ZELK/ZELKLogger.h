@@ -23,7 +23,12 @@ class ZELKLogger {
     using Callback = ac_log_callback_t;
 
     // The singleton, created on first use and destroyed at process exit.
-    static ZELKLogger& GetInstance();
+    // Defined here so every log call site tests the level after an inlined
+    // guard check instead of a call into another file.
+    static ZELKLogger& GetInstance() {
+        static ZELKLogger instance;
+        return instance;
+    }
 
     // First call: with a callback stores it and the mask; without one logs
     // every level to "LogFile.log".  Later calls only warn.  Always returns 0.

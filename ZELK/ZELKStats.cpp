@@ -23,7 +23,8 @@ struct TextDeleter {
     void operator()(char* text) const { cJSON_free(text); }
 };
 
-void AddCounters(cJSON* parent, const std::map<std::string, long>& counters, size_t limit) {
+void AddCounters(cJSON* parent, const std::map<std::string, long, std::less<>>& counters,
+                 size_t limit) {
     size_t added = 0;
     for (const auto& entry : counters) {
         if (added++ == limit) {
@@ -58,6 +59,19 @@ void ZELKStats::Inc(const std::string& key) {
     }
     std::lock_guard<std::mutex> lock(m_Mutex);
     ++m_Counters[key];
+}
+
+void ZELKStats::Inc(const char* key) {
+    if (key == nullptr || *key == '\0') {
+        return;
+    }
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    auto it = m_Counters.find(key);
+    if (it != m_Counters.end()) {
+        ++it->second;
+    } else {
+        m_Counters.emplace(key, 1);
+    }
 }
 
 void ZELKStats::Set(const std::string& key, long value) {

@@ -21,6 +21,9 @@ class ZELKStats {
     // Plain counters.  Inc ignores an empty key; Set creates the key; Get
     // answers 0 for an absent key without creating it.
     void Inc(const std::string& key);
+    // The same for a literal key: an existing counter is found without
+    // building a string, so counting on the decision path never allocates.
+    void Inc(const char* key);
     void Set(const std::string& key, long value);
     long Get(const std::string& key);
 
@@ -41,7 +44,8 @@ class ZELKStats {
     ZELKStats& operator=(const ZELKStats&) = delete;
 
   private:
-    using Counters = std::map<std::string, long>;
+    // Transparent comparison lets a literal key be looked up as it is.
+    using Counters = std::map<std::string, long, std::less<>>;
     ZELKStats() = default;
     // Returns the map of a typed group, or null for an unknown type.
     // Caller holds m_Mutex.
