@@ -169,16 +169,8 @@ int RunReplay(const LogOptions& log, const ReplayOptions& options) {
         return kExitEngine;
     }
     for (const std::string& spec : options.rulesets) {
-        std::string file = spec, name;
-        struct stat st;
-        size_t colon = spec.rfind(':');
-        if (stat(spec.c_str(), &st) != 0 && colon != std::string::npos && colon > 0) {
-            file = spec.substr(0, colon);
-            name = spec.substr(colon + 1);
-        }
-        if (name.empty()) {
-            name = DefaultRulesetName(file);
-        }
+        std::string file, name;
+        hostkit::SplitRulesetSpec(spec, file, name);
         // Each ruleset adds to the store; a replay never throws away policy.
         int rc = ImportFile(session, file, name, true, options.format != "table");
         if (rc != kExitOk) {

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "HostConfig.h"
 #include "zelk.h"
 
 namespace zelkctl {
@@ -21,14 +22,12 @@ struct LogOptions {
     std::string file;                // empty: stderr
 };
 
-// Parses "none", "error", "warning", "info", "trace" (each includes the more
-// severe levels) or a number mask.  False for anything else.
-bool ParseLogLevel(const std::string& text, unsigned& mask);
-
-// "engine not started", "database could not be opened", ...
-std::string StatusText(uint32_t status);
-// "<what>: <status in words> (0xC0000006)"
-std::string StatusMessage(const std::string& what, uint32_t status);
+// Shared with the other host programs.
+using hostkit::DefaultRulesetName;
+using hostkit::ParseLogLevel;
+using hostkit::ParseWindow;
+using hostkit::StatusMessage;
+using hostkit::StatusText;
 
 // One started engine; stops it when destroyed.  Only one may exist at a time
 // (the engine is a process singleton).
@@ -71,13 +70,6 @@ std::string DescribeModes(const HostModes& modes);
 
 // Applies `modes` with set_config; prints the error and returns false.
 bool ApplyModes(const HostModes& modes);
-
-// Parses "START,END" in milliseconds since the epoch; either may be "now".
-bool ParseWindow(const std::string& text, uint64_t& start, uint64_t& end);
-
-// The ruleset name zelkctl gives a file imported without --name: its base
-// name without a ".json" ending.
-std::string DefaultRulesetName(const std::string& path);
 
 std::string ReadWholeFile(const std::string& path, bool& ok);
 

@@ -1,0 +1,590 @@
+#include "Agent.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/fanotify.h>
+#include <sys/stat.h>
+#include <sys/statfs.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "HostEvent.h"
+#include "LogRing.h"
+#include "zelk.h"
+
+namespace zelkagent {
+namespace {
+
+uint64_t MonotonicNs() {
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<uint64_t>(ts.tv_sec) * 1000000000ULL + static_cast<uint64_t>(ts.tv_nsec);
+}
+
+std::string Errno(const char* what) {
+    return std::string(what) + ": " + strerror(errno);
+}
+
+void SetDigests(const hostkit::FileDigests& d, hostkit::HostEvent& e) {
+    e.fileMd5.emplace();
+    e.fileSha1.emplace();
+    e.fileSha256.emplace();
+    memcpy(e.fileMd5->data(), d.md5, sizeof(d.md5));
+    memcpy(e.fileSha1->data(), d.sha1, sizeof(d.sha1));
+    memcpy(e.fileSha256->data(), d.sha256, sizeof(d.sha256));
+}
+
+void SetFileStat(const struct stat& st, hostkit::HostEvent& e) {
+    e.size = static_cast<uint64_t>(st.st_size);
+    e.mode = static_cast<uint64_t>(st.st_mode);
+    e.isexec = S_ISREG(st.st_mode) && (st.st_mode & 0111) != 0;
+}
+
+std::string Ruleset(const ac_wrapper_response_s& r) {
+    return std::string(r.ruleset, strnlen(r.ruleset, sizeof(r.ruleset)));
+}
+
+const char* Text(const std::optional<std::string>& s) {
+    return s ? s->c_str() : "?";
+}
+
+// How a drift decision reads in the log.
+const char* DriftState(uint32_t authorizedState) {
+    switch (authorizedState) {
+        case 1:
+            return "approved (maintenance window)";
+        case 2:
+            return "block-listed";
+        case 3:
+            return "already allow-listed";
+        case 4:
+            return "trusted";
+        case 5:
+            return "excluded";
+        default:
+            return "not trusted, left unknown";
+    }
+}
+
+bool DeletedPath(const std::string& path) {
+    static const std::string kSuffix = " (deleted)";
+    return path.size() > kSuffix.size() &&
+           path.compare(path.size() - kSuffix.size(), kSuffix.size(), kSuffix) == 0;
+}
+
+}  // namespace
+
+Agent::Agent(const AgentOptions& options, AgentStats& stats, hostkit::DigestCache& cache)
+    : m_Options(options),
+      m_Stats(stats),
+      m_Cache(cache),
+      m_Queue(options.queueCapacity),
+      m_Self(getpid()) {}
+
+Agent::~Agent() {
+    Stop();
+}
+
+bool Agent::Start(std::string& error) {
+    m_PermFd = fanotify_init(FAN_CLASS_CONTENT | FAN_CLOEXEC | FAN_NONBLOCK | FAN_UNLIMITED_QUEUE,
+                             O_RDONLY | O_LARGEFILE | O_CLOEXEC | O_NOATIME);
+    if (m_PermFd < 0) {
+        error = Errno("fanotify_init(FAN_CLASS_CONTENT)");
+        return false;
+    }
+    m_MarkFlags = m_Options.mount ? FAN_MARK_MOUNT : 0;
+    const uint64_t mask =
+        FAN_OPEN_EXEC_PERM | FAN_CLOSE_WRITE | (m_Options.mount ? 0 : FAN_EVENT_ON_CHILD);
+    for (const std::string& dir : m_Options.watch) {
+        if (fanotify_mark(m_PermFd, FAN_MARK_ADD | m_MarkFlags, mask, AT_FDCWD, dir.c_str()) != 0) {
+            error = Errno(("fanotify_mark(FAN_OPEN_EXEC_PERM) on " + dir).c_str());
+            Stop();
+            return false;
+        }
+        int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        struct statfs sfs;
+        if (fd >= 0 && fstatfs(fd, &sfs) == 0) {
+            MountRef ref;
+            memcpy(ref.fsid, &sfs.f_fsid, sizeof(ref.fsid));
+            ref.fd = fd;
+            bool known = false;
+            for (const MountRef& m : m_Mounts) {
+                known = known || memcmp(m.fsid, ref.fsid, sizeof(ref.fsid)) == 0;
+            }
+            if (!known) {
+                m_Mounts.push_back(ref);
+                fd = -1;
+            }
+        }
+        if (fd >= 0) {
+            close(fd);
+        }
+    }
+
+    // Creates, renames and deletes arrive as directory handle plus name; a
+    // kernel without that reporting still gets program starts and writes.
+    m_NameFd = fanotify_init(
+        FAN_CLASS_NOTIF | FAN_CLOEXEC | FAN_NONBLOCK | FAN_REPORT_DFID_NAME | FAN_UNLIMITED_QUEUE,
+        O_RDONLY | O_CLOEXEC);
+    std::string nameError = m_NameFd < 0 ? Errno("fanotify_init(FAN_REPORT_DFID_NAME)") : "";
+    const unsigned nameFlags = FAN_MARK_ADD | (m_Options.mount ? FAN_MARK_FILESYSTEM : 0);
+    for (const std::string& dir : m_Options.watch) {
+        if (m_NameFd < 0) {
+            break;
+        }
+        uint64_t nameMask = FAN_CREATE | FAN_DELETE | FAN_MOVED_TO;
+#ifdef FAN_RENAME
+        nameMask = FAN_CREATE | FAN_DELETE | FAN_RENAME;
+#endif
+        int rc = fanotify_mark(m_NameFd, nameFlags, nameMask, AT_FDCWD, dir.c_str());
+        if (rc != 0 && errno == EINVAL) {
+            // Before FAN_RENAME a move is seen only at its destination.
+            rc = fanotify_mark(m_NameFd, nameFlags, FAN_CREATE | FAN_DELETE | FAN_MOVED_TO,
+                               AT_FDCWD, dir.c_str());
+        }
+        if (rc != 0) {
+            nameError = Errno(("fanotify_mark(FAN_CREATE) on " + dir).c_str());
+            close(m_NameFd);
+            m_NameFd = -1;
+        }
+    }
+    if (m_NameFd < 0) {
+        Log().Log(ZELK_LOG_WARNING, "creates, renames and deletes are not reported: %s",
+                  nameError.c_str());
+    }
+
+    m_StopFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (m_StopFd < 0) {
+        error = Errno("eventfd");
+        Stop();
+        return false;
+    }
+    for (unsigned i = 0; i < (m_Options.workers > 0 ? m_Options.workers : 1); ++i) {
+        m_Workers.emplace_back(&Agent::WorkerLoop, this);
+    }
+    m_Reader = std::thread(&Agent::ReaderLoop, this);
+    return true;
+}
+
+void Agent::Stop() {
+    if (m_Reader.joinable()) {
+        m_Stopping.store(true);
+        // No new events from here on; those already queued are still read.
+        fanotify_mark(m_PermFd, FAN_MARK_FLUSH | m_MarkFlags, 0, AT_FDCWD, nullptr);
+        if (m_NameFd >= 0) {
+            fanotify_mark(m_NameFd, FAN_MARK_FLUSH | (m_Options.mount ? FAN_MARK_FILESYSTEM : 0), 0,
+                          AT_FDCWD, nullptr);
+        }
+        uint64_t one = 1;
+        ssize_t ignored = write(m_StopFd, &one, sizeof(one));
+        (void)ignored;
+        m_Reader.join();
+    }
+    m_Queue.Close();
+    for (std::thread& t : m_Workers) {
+        t.join();
+    }
+    m_Workers.clear();
+    // Closing the permission group allows anything the kernel still holds.
+    for (int* fd : {&m_PermFd, &m_NameFd, &m_StopFd}) {
+        if (*fd >= 0) {
+            close(*fd);
+            *fd = -1;
+        }
+    }
+    for (const MountRef& m : m_Mounts) {
+        close(m.fd);
+    }
+    m_Mounts.clear();
+}
+
+void Agent::ReaderLoop() {
+    std::vector<char> buffer(64 * 1024);
+    struct pollfd fds[3] = {{m_PermFd, POLLIN, 0}, {m_StopFd, POLLIN, 0}, {m_NameFd, POLLIN, 0}};
+    const nfds_t count = m_NameFd >= 0 ? 3 : 2;
+    while (!m_Stopping.load()) {
+        int n = poll(fds, count, -1);
+        if (n < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            Log().Log(ZELK_LOG_ERROR, "poll on the fanotify groups failed: %s", strerror(errno));
+            break;
+        }
+        if (fds[1].revents != 0) {
+            break;
+        }
+        if (fds[0].revents & POLLIN) {
+            ReadEvents(m_PermFd, false, buffer);
+        }
+        if (count == 3 && (fds[2].revents & POLLIN)) {
+            ReadEvents(m_NameFd, true, buffer);
+        }
+    }
+    // The marks are gone: hand out what the kernel had already queued, so
+    // every waiting program start gets its answer from the engine.
+    while (ReadEvents(m_PermFd, false, buffer)) {
+    }
+    while (m_NameFd >= 0 && ReadEvents(m_NameFd, true, buffer)) {
+    }
+}
+
+bool Agent::ReadEvents(int fd, bool nameGroup, std::vector<char>& buffer) {
+    ssize_t length = read(fd, buffer.data(), buffer.size());
+    if (length <= 0) {
+        if (length < 0 && errno != EAGAIN && errno != EINTR) {
+            Log().Log(ZELK_LOG_ERROR, "reading fanotify events failed: %s", strerror(errno));
+        }
+        return false;
+    }
+    const uint64_t now = MonotonicNs();
+    auto* m = reinterpret_cast<struct fanotify_event_metadata*>(buffer.data());
+    for (; FAN_EVENT_OK(m, length); m = FAN_EVENT_NEXT(m, length)) {
+        if (m->vers != FANOTIFY_METADATA_VERSION) {
+            Log().Log(ZELK_LOG_ERROR, "fanotify metadata version %u, expected %u",
+                      static_cast<unsigned>(m->vers), FANOTIFY_METADATA_VERSION);
+            if (m->fd >= 0) {
+                close(m->fd);
+            }
+            continue;
+        }
+        if (m->mask & FAN_Q_OVERFLOW) {
+            m_Stats.Overflow();
+            Log().Log(ZELK_LOG_WARNING, "fanotify queue overflow: events were lost");
+            continue;
+        }
+        Job job;
+        job.pid = static_cast<pid_t>(m->pid);
+        job.mask = m->mask;
+        job.readNs = now;
+        if (nameGroup) {
+            job.type = Job::kName;
+            const char* start = reinterpret_cast<const char*>(m);
+            job.info.assign(start + m->metadata_len, start + m->event_len);
+        } else {
+            job.fd = m->fd;
+            job.type = (m->mask & FAN_OPEN_EXEC_PERM) ? Job::kExec : Job::kCloseWrite;
+            if (job.fd < 0) {
+                continue;
+            }
+        }
+        if (job.pid == m_Self) {
+            // The agent's own files (its database, its log) never wait on it.
+            m_Stats.OwnEvent();
+            if (job.type == Job::kExec) {
+                Answer(job.fd, true);
+            }
+            if (job.fd >= 0) {
+                close(job.fd);
+            }
+            continue;
+        }
+        Dispatch(std::move(job));
+    }
+    return true;
+}
+
+void Agent::Dispatch(Job&& job) {
+    bool waited = false;
+    const int fd = job.fd;
+    const bool exec = job.type == Job::kExec;
+    if (!m_Queue.Push(std::move(job), waited)) {
+        if (exec) {
+            Answer(fd, true);
+        }
+        if (fd >= 0) {
+            close(fd);
+        }
+        return;
+    }
+    if (waited) {
+        m_Stats.QueueFull();
+    }
+}
+
+void Agent::WorkerLoop() {
+    Job job;
+    while (m_Queue.Pop(job)) {
+        try {
+            switch (job.type) {
+                case Job::kExec:
+                    HandleExec(job);
+                    break;
+                case Job::kCloseWrite:
+                    HandleCloseWrite(job);
+                    break;
+                case Job::kName:
+                    HandleName(job);
+                    break;
+            }
+        } catch (const std::exception& e) {
+            // Only allocation can throw here; the handlers answer before they
+            // log, so at worst the answer is given and a message is lost.
+            m_Stats.Error();
+            Log().Log(ZELK_LOG_ERROR, "event of pid %d: %s", static_cast<int>(job.pid), e.what());
+            if (job.fd >= 0) {
+                if (job.type == Job::kExec) {
+                    Answer(job.fd, !m_Options.failClosed);
+                }
+                close(job.fd);
+            }
+        }
+        job = Job();
+    }
+}
+
+void Agent::Answer(int fd, bool allow) {
+    struct fanotify_response response;
+    response.fd = fd;
+    response.response = allow ? FAN_ALLOW : FAN_DENY;
+    if (write(m_PermFd, &response, sizeof(response)) != static_cast<ssize_t>(sizeof(response))) {
+        m_Stats.Error();
+        Log().Log(ZELK_LOG_ERROR, "answering a program start failed: %s", strerror(errno));
+    }
+}
+
+void Agent::DescribeProcess(pid_t pid, hostkit::HostEvent& event) {
+    hostkit::ProcessInfo process = hostkit::ReadProcessInfo(pid);
+    event.pid = static_cast<uint64_t>(pid);
+    event.processName = process.exe;
+    event.cmdLine = process.cmdLine;
+    if (process.uid) {
+        event.user = m_Names.User(*process.uid);
+    }
+    if (process.gid) {
+        event.group = m_Names.Group(*process.gid);
+    }
+}
+
+void Agent::HandleExec(Job& job) {
+    m_Stats.Count(kKindExec);
+    std::string path;
+    std::string failure;
+    hostkit::HostEvent event;
+    ac_wrapper_response_s response;
+    memset(&response, 0, sizeof(response));
+    uint32_t rc = ZELK_STATUS_SUCCESS;
+    struct stat st;
+    hostkit::FileDigests digests;
+    bool hit = false;
+    int err = 0;
+    if (!hostkit::PathOfFd(job.fd, path)) {
+        failure = "cannot read the target's path";
+    } else if (!m_Cache.DigestOf(job.fd, st, digests, hit, err)) {
+        failure = std::string("cannot hash the target: ") + strerror(err);
+    } else {
+        event.eventType = ZELK_EVENT_EXEC_PRE;
+        event.name = path;
+        SetFileStat(st, event);
+        SetDigests(digests, event);
+        DescribeProcess(job.pid, event);
+        ac_wrapper_event_s raw = event.Raw();
+        rc = app_ctl(&raw, &response);
+    }
+    const bool allow = failure.empty() ? rc != ZELK_STATUS_BLOCKED : !m_Options.failClosed;
+    Answer(job.fd, allow);
+    close(job.fd);
+    job.fd = -1;
+    m_Stats.RecordDecision(MonotonicNs() - job.readNs);
+    if (allow) {
+        m_Stats.Allowed();
+    } else {
+        m_Stats.Denied();
+    }
+
+    // The program has its answer; everything below is reporting.
+    LogRing& log = Log();
+    const int pid = static_cast<int>(job.pid);
+    if (!failure.empty()) {
+        m_Stats.Error();
+        log.Log(ZELK_LOG_ERROR, "exec %s by pid %d: %s; %s", path.empty() ? "?" : path.c_str(), pid,
+                failure.c_str(), allow ? "allowed (fail-open)" : "denied (fail-closed)");
+        return;
+    }
+    if (rc != ZELK_STATUS_SUCCESS && rc != ZELK_STATUS_BLOCKED) {
+        m_Stats.EngineError();
+        log.Log(ZELK_LOG_WARNING, "exec %s by pid %d: the engine gave no verdict (0x%08X); allowed",
+                path.c_str(), pid, rc);
+        return;
+    }
+    const std::string ruleset = Ruleset(response);
+    if (!allow) {
+        log.Log(ZELK_LOG_INFO, "denied exec %s by %s (pid %d, user %s): %s%s%s", path.c_str(),
+                Text(event.processName), pid, Text(event.user),
+                ruleset.empty() ? "not allowed" : "ruleset '", ruleset.c_str(),
+                ruleset.empty() ? "" : "'");
+    } else if (response.action == ZELK_ACTION_BLOCK) {
+        log.Log(ZELK_LOG_INFO,
+                "allowed exec %s by %s (pid %d): would be blocked, the agent manifest is not "
+                "applied yet",
+                path.c_str(), Text(event.processName), pid);
+    } else if (response.action == ZELK_ACTION_ALLOW && response.isAuthorized == 0) {
+        log.Log(ZELK_LOG_INFO, "allowed unknown exec %s by %s (pid %d, user %s): log-only",
+                path.c_str(), Text(event.processName), pid, Text(event.user));
+    } else if (log.Enabled(ZELK_LOG_TRACE)) {
+        log.Log(ZELK_LOG_TRACE, "allowed exec %s by %s (pid %d): action %u, source %u%s%s%s",
+                path.c_str(), Text(event.processName), pid, response.action, response.source,
+                ruleset.empty() ? "" : ", ruleset '", ruleset.c_str(), ruleset.empty() ? "" : "'");
+    }
+}
+
+void Agent::HandleCloseWrite(Job& job) {
+    m_Stats.Count(kKindCloseWrite);
+    std::string path;
+    struct stat st;
+    if (!hostkit::PathOfFd(job.fd, path) || DeletedPath(path) || fstat(job.fd, &st) != 0 ||
+        !S_ISREG(st.st_mode)) {
+        close(job.fd);
+        job.fd = -1;
+        return;
+    }
+    // The key changes with the write in most cases; not when the write fell
+    // into the same clock tick and kept the size.
+    m_Cache.Invalidate(static_cast<uint64_t>(st.st_dev), static_cast<uint64_t>(st.st_ino));
+    hostkit::FileDigests digests;
+    bool hit = false;
+    int err = 0;
+    const bool hashed = m_Cache.DigestOf(job.fd, st, digests, hit, err);
+    close(job.fd);
+    job.fd = -1;
+    if (!hashed) {
+        m_Stats.Error();
+        Log().Log(ZELK_LOG_ERROR, "written file %s: cannot hash it: %s", path.c_str(),
+                  strerror(err));
+        return;
+    }
+    hostkit::HostEvent event;
+    event.eventType = ZELK_EVENT_CLOSE_POST;
+    event.dirty = true;
+    event.name = path;
+    SetFileStat(st, event);
+    SetDigests(digests, event);
+    DescribeProcess(job.pid, event);
+    ac_wrapper_event_s raw = event.Raw();
+    ac_wrapper_response_s response;
+    uint32_t rc = app_ctl(&raw, &response);
+    if (rc != ZELK_STATUS_SUCCESS && rc != ZELK_STATUS_BLOCKED) {
+        m_Stats.EngineError();
+    }
+    if (response.eventType == ZELK_ABSTRACT_DRIFT) {
+        Log().Log(ZELK_LOG_INFO, "drift %s written by %s (pid %d): %s", path.c_str(),
+                  Text(event.processName), static_cast<int>(job.pid),
+                  DriftState(response.authorizedState));
+    } else {
+        Log().Log(ZELK_LOG_TRACE, "written file %s: no drift decision (action %u)", path.c_str(),
+                  response.action);
+    }
+}
+
+bool Agent::ResolveName(const char* record, std::string& path, bool& isOld) const {
+    const auto* fid = reinterpret_cast<const struct fanotify_event_info_fid*>(record);
+    isOld = false;
+#ifdef FAN_EVENT_INFO_TYPE_OLD_DFID_NAME
+    isOld = fid->hdr.info_type == FAN_EVENT_INFO_TYPE_OLD_DFID_NAME;
+#endif
+    const auto* handle = reinterpret_cast<const struct file_handle*>(fid->handle);
+    const char* name = reinterpret_cast<const char*>(handle->f_handle + handle->handle_bytes);
+    int mountFd = -1;
+    for (const MountRef& m : m_Mounts) {
+        if (memcmp(m.fsid, &fid->fsid, sizeof(m.fsid)) == 0) {
+            mountFd = m.fd;
+        }
+    }
+    if (mountFd < 0) {
+        return false;
+    }
+    int dirFd =
+        open_by_handle_at(mountFd, const_cast<struct file_handle*>(handle), O_PATH | O_CLOEXEC);
+    if (dirFd < 0) {
+        return false;
+    }
+    std::string dir;
+    bool ok = hostkit::PathOfFd(dirFd, dir);
+    close(dirFd);
+    if (!ok || DeletedPath(dir)) {
+        return false;
+    }
+    path = dir == "/" ? "/" + std::string(name) : dir + "/" + name;
+    return true;
+}
+
+void Agent::HandleName(Job& job) {
+    if (job.mask & FAN_ONDIR) {
+        return;
+    }
+    std::string name, oldName;
+    for (size_t at = 0; at + sizeof(struct fanotify_event_info_header) <= job.info.size();) {
+        const auto* hdr = reinterpret_cast<const struct fanotify_event_info_header*>(&job.info[at]);
+        if (hdr->len == 0 || at + hdr->len > job.info.size()) {
+            break;
+        }
+        bool dfidName = hdr->info_type == FAN_EVENT_INFO_TYPE_DFID_NAME;
+#if defined(FAN_EVENT_INFO_TYPE_OLD_DFID_NAME) && defined(FAN_EVENT_INFO_TYPE_NEW_DFID_NAME)
+        dfidName = dfidName || hdr->info_type == FAN_EVENT_INFO_TYPE_OLD_DFID_NAME ||
+                   hdr->info_type == FAN_EVENT_INFO_TYPE_NEW_DFID_NAME;
+#endif
+        std::string path;
+        bool isOld = false;
+        if (dfidName && ResolveName(&job.info[at], path, isOld)) {
+            (isOld ? oldName : name) = path;
+        }
+        at += hdr->len;
+    }
+    hostkit::HostEvent event;
+    EventKind kind;
+    if (job.mask & FAN_CREATE) {
+        kind = kKindCreate;
+        event.eventType = ZELK_EVENT_CREATE_POST;
+    } else if (job.mask & FAN_DELETE) {
+        kind = kKindDelete;
+        event.eventType = ZELK_EVENT_DELETE_POST;
+    } else {
+        kind = kKindRename;
+        event.eventType = ZELK_EVENT_RENAME_POST;
+    }
+    m_Stats.Count(kind);
+    if (name.empty()) {
+        Log().Log(ZELK_LOG_TRACE, "%s event of pid %d: path not resolved", KindName(kind),
+                  static_cast<int>(job.pid));
+        return;
+    }
+    event.name = name;
+    if (!oldName.empty()) {
+        event.oldName = oldName;
+    }
+    if (kind != kKindDelete) {
+        // Content arrives with the close after writing; a rename brings
+        // finished content along, so its digests go with it.
+        int fd = open(name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+        struct stat st;
+        hostkit::FileDigests digests;
+        bool hit = false;
+        int err = 0;
+        if (fd >= 0) {
+            if (kind == kKindRename && fstat(fd, &st) == 0 && S_ISREG(st.st_mode) &&
+                m_Cache.DigestOf(fd, st, digests, hit, err)) {
+                SetDigests(digests, event);
+                SetFileStat(st, event);
+            } else if (fstat(fd, &st) == 0) {
+                SetFileStat(st, event);
+            }
+            close(fd);
+        }
+    }
+    DescribeProcess(job.pid, event);
+    ac_wrapper_event_s raw = event.Raw();
+    ac_wrapper_response_s response;
+    uint32_t rc = app_ctl(&raw, &response);
+    if (rc != ZELK_STATUS_SUCCESS && rc != ZELK_STATUS_BLOCKED) {
+        m_Stats.EngineError();
+    }
+    Log().Log(ZELK_LOG_TRACE, "%s %s%s%s by pid %d: action %u, state %u", KindName(kind),
+              name.c_str(), oldName.empty() ? "" : " from ", oldName.c_str(),
+              static_cast<int>(job.pid), response.action, response.authorizedState);
+}
+
+}  // namespace zelkagent

@@ -1,0 +1,108 @@
+// The fanotify side of zelk-agent: one group of the content class that holds
+// program starts (FAN_OPEN_EXEC_PERM) until the engine has decided and reports
+// files closed after writing, and, where the kernel offers it, a second group
+// reporting creates, renames and deletes by directory and name.  A reader
+// thread takes events from the kernel and hands them to a pool of workers
+// through a bounded queue; each worker describes its event to the engine,
+// answers the kernel, and only then logs.
+#ifndef ZELK_TOOLS_AGENT_AGENT_H_
+#define ZELK_TOOLS_AGENT_AGENT_H_
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "AgentStats.h"
+#include "DigestCache.h"
+#include "HostEvent.h"
+#include "HostProcess.h"
+#include "WorkQueue.h"
+
+namespace zelkagent {
+
+struct AgentOptions {
+    std::vector<std::string> watch;  // folders; their direct children are watched
+    bool mount = false;              // mark the mounts holding the folders instead
+    bool failClosed = false;         // deny a program start the agent cannot describe
+    unsigned workers = 4;
+    size_t queueCapacity = 256;
+};
+
+// One event taken from the kernel, owned by the queue until a worker takes it.
+struct Job {
+    enum Type { kExec, kCloseWrite, kName } type = kExec;
+    int fd = -1;  // event descriptor (kExec, kCloseWrite); the worker closes it
+    pid_t pid = 0;
+    uint64_t mask = 0;
+    uint64_t readNs = 0;     // monotonic time the reader took the event
+    std::vector<char> info;  // the information records of a kName event
+};
+
+class Agent {
+  public:
+    Agent(const AgentOptions& options, AgentStats& stats, hostkit::DigestCache& cache);
+    ~Agent();
+    Agent(const Agent&) = delete;
+    Agent& operator=(const Agent&) = delete;
+
+    // Sets up both groups and their marks and starts the reader and the
+    // workers.  False with the reason (errno text included) when the
+    // permission group or a mark cannot be set up; nothing is left running
+    // then.  A missing name group is only logged.
+    bool Start(std::string& error);
+
+    // Removes the marks, answers every event already taken from the kernel,
+    // joins all threads and closes the groups (the kernel allows whatever was
+    // still pending).  Safe to call twice.
+    void Stop();
+
+    bool HasNameEvents() const { return m_NameFd >= 0; }
+
+  private:
+    void ReaderLoop();
+    // Reads what is queued on `fd` and dispatches it; false on a read error
+    // other than "nothing there".
+    bool ReadEvents(int fd, bool nameGroup, std::vector<char>& buffer);
+    void Dispatch(Job&& job);
+    void WorkerLoop();
+    void HandleExec(Job& job);
+    void HandleCloseWrite(Job& job);
+    void HandleName(Job& job);
+    // Writes the answer for a permission event; counts and logs a failure.
+    void Answer(int fd, bool allow);
+    // The acting process's image, command line, user and group; what has
+    // vanished with an exited process stays unset.
+    void DescribeProcess(pid_t pid, hostkit::HostEvent& event);
+    // Resolves a directory handle plus name record to a full path.
+    bool ResolveName(const char* record, std::string& path, bool& isOld) const;
+
+    const AgentOptions m_Options;
+    AgentStats& m_Stats;
+    hostkit::DigestCache& m_Cache;
+    hostkit::IdNames m_Names;
+    WorkQueue<Job> m_Queue;
+    const pid_t m_Self;
+
+    // Set up by Start and closed by Stop; read-only in between.
+    int m_PermFd = -1;
+    int m_NameFd = -1;
+    int m_StopFd = -1;
+    unsigned m_MarkFlags = 0;  // FAN_MARK_MOUNT or 0, for the flush at stop
+    struct MountRef {
+        int fsid[2];
+        int fd;
+    };
+    std::vector<MountRef> m_Mounts;  // one open folder per file system, for handles
+
+    std::atomic<bool> m_Stopping{false};
+    std::thread m_Reader;
+    std::vector<std::thread> m_Workers;
+};
+
+}  // namespace zelkagent
+
+#endif  // ZELK_TOOLS_AGENT_AGENT_H_
