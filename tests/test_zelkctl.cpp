@@ -196,6 +196,8 @@ TEST(HostKit, DigestsEventsTracesAndPersistRule) {
         "{\"pid\":1}",                            // no type
         "{\"type\":\"run\"}",                     // unknown name
         "{\"type\":\"exec\",\"pid\":-1}",         // negative
+        "{\"type\":\"exec\",\"pid\":1e60}",       // beyond 64 bits
+        "{\"type\":\"exec\",\"size\":18446744073709551616}",
         "{\"type\":\"exec\",\"sha256\":\"ab\"}",  // short digest
         "{\"type\":\"exec\",\"target\":\"${NOPE_ZELK_VAR}\"}",
         "{\"type\":\"exec\",\"isexec\":\"yes\"}",

@@ -25,6 +25,11 @@ bool ReadUnsigned(const cJSON* item, const char* key, uint64_t& out, std::string
             error = std::string("\"") + key + "\" must not be negative";
             return false;
         }
+        // Converting a double of 2^64 or more to an integer is undefined.
+        if (item->valuedouble >= 18446744073709551616.0) {
+            error = std::string("\"") + key + "\" is too large";
+            return false;
+        }
         out = static_cast<uint64_t>(item->valuedouble);
         return true;
     }
