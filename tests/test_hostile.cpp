@@ -179,3 +179,52 @@ TEST(Hostile, QuotesSqlAndInvalidUtf8AreStoredLiterally) {
     EXPECT_EQ(db.Column("SELECT user FROM UserList ORDER BY user;"),
               (std::vector<std::string>{"a'b", "\xc0\xaf"}));
 }
+
+// Ten million elements (20 MB of JSON) under an address-space limit such as
+// a host would set for its agent: the import either completes or fails with
+// a status code, and a failed one leaves the policy as it was.
+TEST(Hostile, TenMillionElementRulesetWithinMemoryLimits) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "address-space limits do not apply under sanitizers";
+#endif
+    const std::string dir = zelktest::ScratchDir();
+    const std::string db = dir + "/ac.db";
+    std::string huge = "{\"rules\":[{\"sha256\":\"" + std::string(64, 'b') + "\",\"size\":1}";
+    huge.reserve(20u << 20);
+    for (int i = 1; i < 10000000; ++i) {
+        huge += ",0";
+    }
+    huge += "]}";
+    for (rlim_t limitMb : {256, 2048}) {
+        SCOPED_TRACE(limitMb);
+        ASSERT_EQ(Start(db), ZELK_STATUS_SUCCESS);
+        const std::string weekly = "{\"rules\":[{\"sha256\":\"" + std::string(64, 'a') + "\"}]}";
+        ASSERT_EQ(set_ruleset_buffer(false, weekly.c_str(), "Weekly"), ZELK_STATUS_SUCCESS);
+        engine_stop();
+        const pid_t child = fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            struct rlimit limit = {limitMb << 20, limitMb << 20};
+            setrlimit(RLIMIT_AS, &limit);
+            if (Start(db) != ZELK_STATUS_SUCCESS) {
+                _exit(3);
+            }
+            const uint32_t status = set_ruleset_buffer(false, huge.c_str(), "Huge");
+            engine_stop();
+            _exit(status == ZELK_STATUS_SUCCESS ? 0 : status == ZELK_STATUS_FAILURE ? 1 : 2);
+        }
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        ASSERT_TRUE(WIFEXITED(status)) << "killed by signal " << WTERMSIG(status);
+        const int result = WEXITSTATUS(status);
+        ASSERT_LE(result, 1);
+        zelktest::Db check(db);
+        EXPECT_EQ(check.Text("PRAGMA integrity_check;"), "ok");
+        // Success stores the one real rule; failure keeps the old one.
+        EXPECT_EQ(check.Column("SELECT ruleset FROM InventoryItems WHERE source = 2;"),
+                  std::vector<std::string>{result == 0 ? "Huge" : "Weekly"});
+        if (limitMb == 2048) {
+            EXPECT_EQ(result, 0) << "2 GB is room enough";
+        }
+    }
+}
