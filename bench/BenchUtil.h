@@ -46,15 +46,27 @@ inline int SilentLog(unsigned, unsigned, const char*, const char*, const char*, 
 // Runs the engine on `dbPath`, restarting it only when the path changes, so a
 // benchmark function that the library calls several times pays the start
 // once.  Errors and warnings pass the mask, as on a production host.
+struct EngineState {
+    std::string dbPath;  // empty: stopped
+    unsigned flags = ~0u;
+};
+inline EngineState& Running() {
+    static EngineState state;
+    return state;
+}
+
+inline void StopEngine() {
+    if (!Running().dbPath.empty()) {
+        engine_stop();
+        Running() = EngineState();
+    }
+}
+
 inline void UseDatabase(const std::string& dbPath, unsigned configFlags = 0) {
-    static std::string current;
-    static unsigned currentFlags = ~0u;
-    if (current == dbPath && currentFlags == configFlags) {
+    if (Running().dbPath == dbPath && Running().flags == configFlags) {
         return;
     }
-    if (!current.empty()) {
-        engine_stop();
-    }
+    StopEngine();
     ac_engine_start_s start;
     memset(&start, 0, sizeof(start));
     start.dbPath = dbPath.c_str();
@@ -65,8 +77,8 @@ inline void UseDatabase(const std::string& dbPath, unsigned configFlags = 0) {
         std::exit(3);
     }
     set_config(configFlags, 0, 0);
-    current = dbPath;
-    currentFlags = configFlags;
+    Running().dbPath = dbPath;
+    Running().flags = configFlags;
 }
 
 // A host event with owned texts.
@@ -146,7 +158,7 @@ inline std::string InventoryDb(uint64_t rows) {
     }
     std::filesystem::remove(path);
     UseDatabase(path);
-    engine_stop();
+    StopEngine();
     if (sqlite3_open(path.c_str(), &db) != SQLITE_OK) {
         std::exit(3);
     }
@@ -234,7 +246,8 @@ struct Ratio {
 
 class RatioReporter : public benchmark::ConsoleReporter {
   public:
-    explicit RatioReporter(std::vector<Ratio> ratios) : m_Ratios(std::move(ratios)) {}
+    explicit RatioReporter(std::vector<Ratio> ratios)
+        : ConsoleReporter(OO_Tabular), m_Ratios(std::move(ratios)) {}
 
     void ReportRuns(const std::vector<Run>& runs) override {
         for (const Run& run : runs) {
@@ -311,9 +324,6 @@ inline int RunWithRatios(int argc, char** argv, std::vector<Ratio> ratios) {
         const char* reps = getenv("ZELK_BENCH_REPS");
         args.push_back(std::string("--benchmark_repetitions=") + (reps ? reps : "5"));
     }
-    if (!has("--benchmark_color")) {
-        args.push_back("--benchmark_color=false");
-    }
     if (!has("--benchmark_enable_random_interleaving")) {
         args.push_back("--benchmark_enable_random_interleaving=true");
     }
@@ -326,7 +336,7 @@ inline int RunWithRatios(int argc, char** argv, std::vector<Ratio> ratios) {
     RatioReporter reporter(std::move(ratios));
     benchmark::RunSpecifiedBenchmarks(&reporter);
     benchmark::Shutdown();
-    engine_stop();
+    StopEngine();
     return 0;
 }
 
