@@ -83,6 +83,7 @@ Agent::Agent(const AgentOptions& options, AgentStats& stats, hostkit::DigestCach
       m_Stats(stats),
       m_Cache(cache),
       m_Queue(options.queueCapacity),
+      m_FileQueue(options.queueCapacity),
       m_Self(getpid()) {}
 
 Agent::~Agent() {
@@ -164,8 +165,9 @@ bool Agent::Start(std::string& error) {
         return false;
     }
     for (unsigned i = 0; i < (m_Options.workers > 0 ? m_Options.workers : 1); ++i) {
-        m_Workers.emplace_back(&Agent::WorkerLoop, this);
+        m_Workers.emplace_back(&Agent::WorkerLoop, this, &m_Queue);
     }
+    m_FileWorker = std::thread(&Agent::WorkerLoop, this, &m_FileQueue);
     m_Reader = std::thread(&Agent::ReaderLoop, this);
     return true;
 }
@@ -185,10 +187,14 @@ void Agent::Stop() {
         m_Reader.join();
     }
     m_Queue.Close();
+    m_FileQueue.Close();
     for (std::thread& t : m_Workers) {
         t.join();
     }
     m_Workers.clear();
+    if (m_FileWorker.joinable()) {
+        m_FileWorker.join();
+    }
     // Closing the permission group allows anything the kernel still holds.
     for (int* fd : {&m_PermFd, &m_NameFd, &m_StopFd}) {
         if (*fd >= 0) {
@@ -283,6 +289,17 @@ bool Agent::ReadEvents(int fd, bool nameGroup, std::vector<char>& buffer) {
             }
             continue;
         }
+        if (job.type == Job::kExec) {
+            // A file hashed before is decided right here: a hand-over to a
+            // worker costs a wake-up, which on a busy machine is most of the
+            // delay a program start sees.  Whatever needs reading goes to
+            // the pool, so one large file never holds up the reader.
+            KnownTarget known;
+            if (m_Cache.Cached(job.fd, known.st, known.digests)) {
+                HandleExec(job, &known);
+                continue;
+            }
+        }
         Dispatch(std::move(job));
     }
     return true;
@@ -292,7 +309,8 @@ void Agent::Dispatch(Job&& job) {
     bool waited = false;
     const int fd = job.fd;
     const bool exec = job.type == Job::kExec;
-    if (!m_Queue.Push(std::move(job), waited)) {
+    WorkQueue<Job>& queue = exec ? m_Queue : m_FileQueue;
+    if (!queue.Push(std::move(job), waited)) {
         if (exec) {
             Answer(fd, true);
         }
@@ -306,9 +324,9 @@ void Agent::Dispatch(Job&& job) {
     }
 }
 
-void Agent::WorkerLoop() {
+void Agent::WorkerLoop(WorkQueue<Job>* queue) {
     Job job;
-    while (m_Queue.Pop(job)) {
+    while (queue->Pop(job)) {
         try {
             switch (job.type) {
                 case Job::kExec:
@@ -360,8 +378,9 @@ void Agent::DescribeProcess(pid_t pid, hostkit::HostEvent& event) {
     }
 }
 
-void Agent::HandleExec(Job& job) {
+void Agent::HandleExec(Job& job, const KnownTarget* known) {
     m_Stats.Count(kKindExec);
+    m_Stats.RecordQueueWait(MonotonicNs() - job.readNs);
     std::string path;
     std::string failure;
     hostkit::HostEvent event;
@@ -372,9 +391,13 @@ void Agent::HandleExec(Job& job) {
     hostkit::FileDigests digests;
     bool hit = false;
     int err = 0;
+    if (known != nullptr) {
+        st = known->st;
+        digests = known->digests;
+    }
     if (!hostkit::PathOfFd(job.fd, path)) {
         failure = "cannot read the target's path";
-    } else if (!m_Cache.DigestOf(job.fd, st, digests, hit, err)) {
+    } else if (known == nullptr && !m_Cache.DigestOf(job.fd, st, digests, hit, err)) {
         failure = std::string("cannot hash the target: ") + strerror(err);
     } else {
         event.eventType = ZELK_EVENT_EXEC_PRE;
@@ -383,7 +406,9 @@ void Agent::HandleExec(Job& job) {
         SetDigests(digests, event);
         DescribeProcess(job.pid, event);
         ac_wrapper_event_s raw = event.Raw();
+        const uint64_t engineStart = MonotonicNs();
         rc = app_ctl(&raw, &response);
+        m_Stats.RecordEngine(MonotonicNs() - engineStart);
     }
     const bool allow = failure.empty() ? rc != ZELK_STATUS_BLOCKED : !m_Options.failClosed;
     Answer(job.fd, allow);

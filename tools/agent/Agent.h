@@ -4,10 +4,13 @@
 // reporting creates, renames and deletes by directory and name.  A reader
 // thread takes events from the kernel and hands them to a pool of workers
 // through a bounded queue; each worker describes its event to the engine,
-// answers the kernel, and only then logs.
+// answers the kernel, and only then logs.  File changes go to one worker of
+// their own, in the order the kernel reported them: two writes of one file
+// decided out of order would leave the older content approved.
 #ifndef ZELK_TOOLS_AGENT_AGENT_H_
 #define ZELK_TOOLS_AGENT_AGENT_H_
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <atomic>
@@ -68,8 +71,14 @@ class Agent {
     // other than "nothing there".
     bool ReadEvents(int fd, bool nameGroup, std::vector<char>& buffer);
     void Dispatch(Job&& job);
-    void WorkerLoop();
-    void HandleExec(Job& job);
+    void WorkerLoop(WorkQueue<Job>* queue);
+    // Decides a program start.  `known` carries the target's status and
+    // digests when the caller already has them from the digest cache.
+    struct KnownTarget {
+        struct stat st;
+        hostkit::FileDigests digests;
+    };
+    void HandleExec(Job& job, const KnownTarget* known = nullptr);
     void HandleCloseWrite(Job& job);
     void HandleName(Job& job);
     // Writes the answer for a permission event; counts and logs a failure.
@@ -84,7 +93,8 @@ class Agent {
     AgentStats& m_Stats;
     hostkit::DigestCache& m_Cache;
     hostkit::IdNames m_Names;
-    WorkQueue<Job> m_Queue;
+    WorkQueue<Job> m_Queue;      // program starts, for the worker pool
+    WorkQueue<Job> m_FileQueue;  // writes, creates, renames, deletes: one worker, in order
     const pid_t m_Self;
 
     // Set up by Start and closed by Stop; read-only in between.
@@ -101,6 +111,7 @@ class Agent {
     std::atomic<bool> m_Stopping{false};
     std::thread m_Reader;
     std::vector<std::thread> m_Workers;
+    std::thread m_FileWorker;
 };
 
 }  // namespace zelkagent

@@ -63,6 +63,12 @@ uint64_t AgentStats::P99Ns() const {
     return BucketTop(kBuckets - 1);
 }
 
+namespace {
+double Mean(uint64_t totalNs, uint64_t count) {
+    return count == 0 ? 0.0 : static_cast<double>(totalNs) / static_cast<double>(count) / 1000.0;
+}
+}  // namespace
+
 std::string AgentStats::Report(uint64_t cacheHits, uint64_t cacheMisses,
                                uint64_t logDropped) const {
     std::string text = "zelk-agent counters:\n  events:";
@@ -75,13 +81,15 @@ std::string AgentStats::Report(uint64_t cacheHits, uint64_t cacheMisses,
         line, sizeof(line),
         "\n  allowed %lu, denied %lu, errors %lu, engine errors %lu\n"
         "  digest cache hits %lu, misses %lu\n"
-        "  decision time mean %.1f us, p99 %.1f us (%lu decisions)\n"
+        "  decision time mean %.1f us, p99 %.1f us (%lu decisions; mean %.1f us queued, "
+        "%.1f us in the engine)\n"
         "  own events %lu, queue full %lu, overflows %lu, log dropped %lu\n",
         static_cast<unsigned long>(m_Allowed.load()), static_cast<unsigned long>(m_Denied.load()),
         static_cast<unsigned long>(m_Errors.load()),
         static_cast<unsigned long>(m_EngineErrors.load()), static_cast<unsigned long>(cacheHits),
         static_cast<unsigned long>(cacheMisses), static_cast<double>(MeanNs()) / 1000.0,
         static_cast<double>(P99Ns()) / 1000.0, static_cast<unsigned long>(m_Decisions.load()),
+        Mean(m_QueueNs.load(), m_Decisions.load()), Mean(m_EngineNs.load(), m_Decisions.load()),
         static_cast<unsigned long>(m_OwnEvents.load()),
         static_cast<unsigned long>(m_QueueFull.load()),
         static_cast<unsigned long>(m_Overflows.load()), static_cast<unsigned long>(logDropped));

@@ -26,8 +26,11 @@ class AgentStats {
     void Overflow() { Add(m_Overflows); }
     void QueueFull() { Add(m_QueueFull); }
 
-    // Time from reading a permission event to answering it.
+    // Time from reading a permission event to answering it, and the part of
+    // it spent waiting in the queue and inside app_ctl.
     void RecordDecision(uint64_t ns);
+    void RecordQueueWait(uint64_t ns) { m_QueueNs.fetch_add(ns, std::memory_order_relaxed); }
+    void RecordEngine(uint64_t ns) { m_EngineNs.fetch_add(ns, std::memory_order_relaxed); }
 
     uint64_t Events(EventKind kind) const { return m_Events[kind].load(); }
     uint64_t AllowedCount() const { return m_Allowed.load(); }
@@ -52,7 +55,7 @@ class AgentStats {
     std::atomic<uint64_t> m_Events[kKindCount] = {};
     std::atomic<uint64_t> m_Allowed{0}, m_Denied{0}, m_Errors{0}, m_EngineErrors{0};
     std::atomic<uint64_t> m_OwnEvents{0}, m_Overflows{0}, m_QueueFull{0};
-    std::atomic<uint64_t> m_Decisions{0}, m_DecisionNs{0};
+    std::atomic<uint64_t> m_Decisions{0}, m_DecisionNs{0}, m_QueueNs{0}, m_EngineNs{0};
     std::atomic<uint64_t> m_Histogram[kBuckets] = {};
 };
 

@@ -76,7 +76,18 @@ bool StartEngine(const Options& o, unsigned logMask, unsigned flags, uint64_t st
         fprintf(stderr, "zelk-agent: %s\n", hostkit::StatusMessage(o.db, rc).c_str());
         return false;
     }
-    rc = set_config(flags, start, end);
+    if (!(flags & ZELK_CONFIG_AUTO_AUTHORIZE)) {
+        // The command line is the authority on modes.  A restarted engine
+        // would take back the window an earlier run left in the database and
+        // keep approving files by their times until its end; opening an empty
+        // window (start 0 approves nothing) and closing it at once ends it now.
+        rc = set_config(flags | ZELK_CONFIG_AUTO_AUTHORIZE, 0, 0);
+        if (rc == ZELK_STATUS_SUCCESS) {
+            rc = set_config(flags, 0, 0);
+        }
+    } else {
+        rc = set_config(flags, start, end);
+    }
     if (rc != ZELK_STATUS_SUCCESS) {
         fprintf(stderr, "zelk-agent: %s\n", hostkit::StatusMessage("set_config", rc).c_str());
         engine_stop();

@@ -56,6 +56,14 @@ void DigestCache::Invalidate(uint64_t dev, uint64_t ino) {
     }
 }
 
+bool DigestCache::Cached(int fd, struct stat& st, FileDigests& out) {
+    if (fstat(fd, &st) != 0 || !Find(FileKey::Of(st), out)) {
+        return false;
+    }
+    m_Hits.fetch_add(1, std::memory_order_relaxed);
+    return true;
+}
+
 bool DigestCache::DigestOf(int fd, struct stat& st, FileDigests& out, bool& hit, int& error) {
     hit = false;
     error = 0;

@@ -58,6 +58,10 @@ class DigestCache {
     // whether the cache answered.
     bool DigestOf(int fd, struct stat& st, FileDigests& out, bool& hit, int& error);
 
+    // The cheap half of DigestOf: fstat and a lookup, no reading.  True, a
+    // hit counted, when the file's current key is cached.
+    bool Cached(int fd, struct stat& st, FileDigests& out);
+
     uint64_t Hits() const { return m_Hits.load(std::memory_order_relaxed); }
     uint64_t Misses() const { return m_Misses.load(std::memory_order_relaxed); }
 
