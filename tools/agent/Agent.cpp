@@ -411,10 +411,12 @@ void Agent::HandleExec(Job& job, const KnownTarget* known) {
         m_Stats.RecordEngine(MonotonicNs() - engineStart);
     }
     const bool allow = failure.empty() ? rc != ZELK_STATUS_BLOCKED : !m_Options.failClosed;
+    // Taken before the answer: once it is written the started program may
+    // take this CPU, and that time is not the agent's.
+    m_Stats.RecordDecision(MonotonicNs() - job.readNs);
     Answer(job.fd, allow);
     close(job.fd);
     job.fd = -1;
-    m_Stats.RecordDecision(MonotonicNs() - job.readNs);
     if (allow) {
         m_Stats.Allowed();
     } else {

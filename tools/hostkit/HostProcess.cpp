@@ -22,7 +22,7 @@ bool ReadSmallFile(const char* path, size_t limit, std::string& out) {
         return false;
     }
     out.clear();
-    char block[1024];
+    char block[4096];
     bool ok = true;
     while (out.size() < limit) {
         ssize_t n = read(fd, block, std::min(sizeof(block), limit - out.size()));
