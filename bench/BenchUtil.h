@@ -204,13 +204,15 @@ inline std::vector<HostEvent> InventoryEvents(uint64_t rows, size_t count) {
 }
 
 // The plainest lookup a store can make: one prepared SELECT by sha256 and
-// size on its own read-only connection to `dbPath`, stepped and reset.
+// size on its own read-only connection to `dbPath`, stepped and reset.  The
+// unary plus keeps the planner on the digest index: without statistics it may
+// otherwise walk the far less selective size index.
 class PlainLookup {
   public:
     explicit PlainLookup(const std::string& dbPath) {
         sqlite3_open_v2(dbPath.c_str(), &m_Db, SQLITE_OPEN_READONLY, nullptr);
         sqlite3_prepare_v2(m_Db,
-                           "SELECT * FROM InventoryItems WHERE sha256 = ?1 AND size = ?2", -1,
+                           "SELECT * FROM InventoryItems WHERE sha256 = ?1 AND +size = ?2", -1,
                            &m_Stmt, nullptr);
     }
     ~PlainLookup() {
