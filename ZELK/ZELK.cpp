@@ -41,6 +41,24 @@ uint32_t Guarded(const char* function, Body&& body) noexcept {
     return ZELK_STATUS_FAILURE;
 }
 
+// Brackets a ruleset import.  Cached allow decisions must not outlive a
+// ruleset change, even when the import then fails: the cache is flushed
+// before the import starts, and decisions that read the old policy (or the
+// store half-way through the import) are kept out of the cache until the
+// import has ended.
+class PolicyChange {
+  public:
+    explicit PolicyChange(ZELKAllowCache& cache) : m_Cache(cache) {
+        m_Cache.BeginPolicyChange();
+        m_Cache.FlushCache();
+    }
+    ~PolicyChange() { m_Cache.EndPolicyChange(); }
+    PolicyChange(const PolicyChange&) = delete;
+    PolicyChange& operator=(const PolicyChange&) = delete;
+
+  private:
+    ZELKAllowCache& m_Cache;
+};
 }  // namespace
 
 extern "C" {
@@ -156,9 +174,10 @@ uint32_t set_config(unsigned flags, unsigned long autoAuthorizeStartTime,
             dal.GetAppControlState("agentVersion", stored);
             std::string current = config.GetCurrentVersion();
             if (stored != current) {
-                ZTRACE("Upgrade detected old version %s new version %s waiting for manifest to "
-                       "be applied",
-                       stored.c_str(), current.c_str());
+                ZTRACE(
+                    "Upgrade detected old version %s new version %s waiting for manifest to "
+                    "be applied",
+                    stored.c_str(), current.c_str());
                 config.SetManifestApplied(false);
             }
         }
@@ -209,7 +228,7 @@ uint32_t purge_db(unsigned source) {
             return ZELK_STATUS_NOT_STARTED;
         }
         return ZELKDAL::GetDAL().PurgeDB(static_cast<DALSource>(source)) ? ZELK_STATUS_SUCCESS
-                                                                           : ZELK_STATUS_FAILURE;
+                                                                         : ZELK_STATUS_FAILURE;
     });
 }
 
@@ -250,9 +269,7 @@ uint32_t set_ruleset(bool flag, const char* path, const char* name) {
         if (path == nullptr) {
             return ZELK_STATUS_BAD_PATH;
         }
-        // Cached allow decisions must not outlive a ruleset change, even when
-        // the import then fails.
-        engine->GetAllowCache().FlushCache();
+        PolicyChange change(engine->GetAllowCache());
         return ZELKDAL::GetDAL().ImportRuleset(flag, path, name != nullptr ? name : "")
                    ? ZELK_STATUS_SUCCESS
                    : ZELK_STATUS_FAILURE;
@@ -267,7 +284,7 @@ uint32_t set_ruleset_buffer(bool flag, const char* buffer, const char* name) {
         if (engine == nullptr) {
             return ZELK_STATUS_NOT_STARTED;
         }
-        engine->GetAllowCache().FlushCache();
+        PolicyChange change(engine->GetAllowCache());
         return ZELKDAL::GetDAL().ImportRulesetBuffer(flag, buffer, name) ? ZELK_STATUS_SUCCESS
                                                                          : ZELK_STATUS_FAILURE;
     });

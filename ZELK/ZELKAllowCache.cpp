@@ -22,6 +22,38 @@ void ZELKAllowCache::AddCacheNode(const std::string& user, const std::string& pr
         FlushCache();
     }
     std::lock_guard<std::mutex> lock(m_Mutex);
+    AddLocked(user, process, target);
+}
+
+bool ZELKAllowCache::AddCacheNode(const std::string& user, const std::string& process,
+                                  const std::string& target, uint64_t generation) {
+    if (Size() > kMaxTargets - 1) {
+        FlushCache();
+    }
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    if (m_ChangesUnderWay != 0 || generation != m_Generation.load(std::memory_order_relaxed)) {
+        return false;
+    }
+    AddLocked(user, process, target);
+    return true;
+}
+
+void ZELKAllowCache::BeginPolicyChange() {
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    ++m_ChangesUnderWay;
+    m_Generation.fetch_add(1, std::memory_order_acq_rel);
+}
+
+void ZELKAllowCache::EndPolicyChange() {
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    if (m_ChangesUnderWay != 0) {
+        --m_ChangesUnderWay;
+    }
+    m_Generation.fetch_add(1, std::memory_order_acq_rel);
+}
+
+void ZELKAllowCache::AddLocked(const std::string& user, const std::string& process,
+                               const std::string& target) {
     auto targetIt = m_Map.find(target);
     if (targetIt == m_Map.end()) {
         m_Map[target][process][user] = true;

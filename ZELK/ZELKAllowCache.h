@@ -36,6 +36,12 @@ class ZELKAllowCache {
     // triple that is already present changes nothing and counts nothing.
     void AddCacheNode(const std::string& user, const std::string& process,
                       const std::string& target);
+    // The same, for a decision that began at policy generation `generation`
+    // (PolicyGeneration()): the triple is added only when no policy change
+    // began or ended since, so a verdict reached on the old policy never
+    // outlives a ruleset import.  Returns whether it was added.
+    bool AddCacheNode(const std::string& user, const std::string& process,
+                      const std::string& target, uint64_t generation);
     // True when the exact triple was added and not removed or flushed since.
     // Counts a hit, or a miss with the level at which the lookup failed.
     bool IsCached(const std::string& user, const std::string& process, const std::string& target);
@@ -47,6 +53,14 @@ class ZELKAllowCache {
     // when the object cannot be created.  Reads without the lock, so the
     // numbers need not be from one instant.
     void GetMetrics(cJSON* parent);
+
+    // Policy changes (ruleset imports) bracket their work with these calls;
+    // both move the generation on, and while one is under way nothing is
+    // added through the generation-checked AddCacheNode.  They nest.
+    void BeginPolicyChange();
+    void EndPolicyChange();
+    // The generation a decision records before it reads any policy.  Never 0.
+    uint64_t PolicyGeneration() const { return m_Generation.load(std::memory_order_acquire); }
 
     // Current number of targets.
     size_t Size() const { return m_MapSize.load(std::memory_order_relaxed); }
@@ -62,6 +76,8 @@ class ZELKAllowCache {
         counter.store(counter.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     }
     void RaiseMaxDepth(uint64_t depth);
+    // The insertion itself.  Caller holds m_Mutex.
+    void AddLocked(const std::string& user, const std::string& process, const std::string& target);
     void PublishSize() { m_MapSize.store(m_Map.size(), std::memory_order_relaxed); }
 
     std::mutex m_Mutex;
@@ -81,6 +97,11 @@ class ZELKAllowCache {
     Counter m_AddedSize{0};    // number of targets when one was last added
     Counter m_MaxDepth{0};     // most users seen under one target and process
     Counter m_MapSize{0};      // mirrors m_Map.size()
+
+    // Policy generation and the number of changes under way.  Written under
+    // m_Mutex; the generation is also read without it.
+    std::atomic<uint64_t> m_Generation{1};
+    uint64_t m_ChangesUnderWay = 0;  // guarded by m_Mutex
 };
 
 #endif  // ZELK_ZELKALLOWCACHE_H_

@@ -157,7 +157,7 @@ bool ZELKEngine::CheckExcludeTrustRules(ac_event& event) {
         ZELKStats::GetStats().Inc("EventExcludedByTrustRule");
         event.action = AC_ACTION_NOT_HANDLED;
         event.authorizedState = AC_AUTH_EXCLUDED;
-        GetAllowCache().AddCacheNode(event.user, event.processName, event.name);
+        RememberAllowed(event);
         return false;
     }
     return true;

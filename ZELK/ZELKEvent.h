@@ -94,7 +94,7 @@ struct ac_event {
     uint64_t passThrough3 = 0;
     uint64_t spareNumber2 = 0;
     uint64_t spareNumber3 = 0;
-    uint64_t spareNumber4 = 0;
+    uint64_t policyGeneration = 0;  // allow-cache generation when deciding began
 
     // Byte flags.
     uint8_t dirty = 0;

@@ -37,6 +37,9 @@ ZELKEngine* ZELKEngine::GetEngine() {
 namespace {
 // The decision of an event the allow cache did not answer.
 bool DecideUncached(ZELKEngine& engine, ac_event& event) {
+    // Recorded before any policy is read, so an approval reached on a policy
+    // that an import replaces meanwhile is not cached.
+    event.policyGeneration = engine.GetAllowCache().PolicyGeneration();
     if (engine.AbstractEvent(event) && engine.CheckExcludeTrustRules(event)) {
         return engine.HandleEvent(event);
     }
@@ -503,6 +506,17 @@ void ZELKEngine::UpdateResponse(const ac_event& event, ac_wrapper_response_s* ou
         // strncpy semantics: at most 80 bytes, no terminator when that long.
         memcpy(out->ruleset, event.ruleset.c_str(),
                strnlen(event.ruleset.c_str(), sizeof(out->ruleset)));
+    }
+}
+
+void ZELKEngine::RememberAllowed(ac_event& event) {
+    if (event.policyGeneration == 0) {
+        // Decided outside ProcessEvent (a direct handler call): no window to
+        // guard against.
+        GetAllowCache().AddCacheNode(event.user, event.processName, event.name);
+    } else {
+        GetAllowCache().AddCacheNode(event.user, event.processName, event.name,
+                                     event.policyGeneration);
     }
 }
 

@@ -81,6 +81,10 @@ class ZELKEngine {
     // True only when allowed because of log-only mode.
     bool HandleScriptStartEvent(ac_event& event);
 
+    // Adds (user, process, target) to the allow cache, unless the policy
+    // changed since the event's decision began.
+    void RememberAllowed(ac_event& event);
+
     // ---- Drift (ZELKDriftHandling.cpp) ------------------------------------
 
     // True when the changed file was examined, whatever the verdict.

@@ -185,7 +185,7 @@ bool ZELKEngine::HandleProcessStartEvent(ac_event& event) {
         event.action = AC_ACTION_ALLOW;
         ZTRACE("User %s, process %s and target %s approved pid %lu. Setting isAuthorized to 3",
                event.user.c_str(), event.processName.c_str(), event.name.c_str(), pid);
-        GetAllowCache().AddCacheNode(event.user, event.processName, event.name);
+        RememberAllowed(event);
     } else if (event.isAuthorized == 2) {
         ZTRACE("Process %s blocked pid %lu", event.name.c_str(), pid);
         Count("RunBlockedRule");
@@ -228,7 +228,7 @@ bool ZELKEngine::HandleMmapStartEvent(ac_event& event) {
                event.processName.c_str(), pid, event.name.c_str());
         Count("RunAllowedRule");
         event.action = AC_ACTION_ALLOW;
-        GetAllowCache().AddCacheNode(event.user, event.processName, event.name);
+        RememberAllowed(event);
         return true;
     }
     if (event.isAuthorized == 2) {
@@ -266,7 +266,7 @@ bool ZELKEngine::HandleScriptStartEvent(ac_event& event) {
         Count("RunAllowedRule");
         event.action = AC_ACTION_ALLOW;
         ZTRACE("Process %s approved pid %lu", event.name.c_str(), pid);
-        GetAllowCache().AddCacheNode(event.user, event.processName, event.name);
+        RememberAllowed(event);
     } else if (event.isAuthorized == 2) {
         ZTRACE("Process %s blocked pid %lu", event.name.c_str(), pid);
         Count("RunBlockedRule");

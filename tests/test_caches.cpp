@@ -284,3 +284,20 @@ TEST(AllowCache, EngineReportsAndFlushesOnRulesetImport) {
 }
 
 }  // namespace
+
+TEST(AllowCache, DecisionsOlderThanAPolicyChangeAreNotCached) {
+    ZELKAllowCache cache;
+    const std::string user = "u", process = "/bin/sh", target = "/bin/ls";
+    const uint64_t before = cache.PolicyGeneration();
+    EXPECT_TRUE(cache.AddCacheNode(user, process, "/bin/a", before));
+
+    cache.BeginPolicyChange();
+    const uint64_t during = cache.PolicyGeneration();
+    EXPECT_FALSE(cache.AddCacheNode(user, process, target, before));
+    EXPECT_FALSE(cache.AddCacheNode(user, process, target, during)) << "import under way";
+    cache.EndPolicyChange();
+    EXPECT_FALSE(cache.AddCacheNode(user, process, target, during)) << "read a half-done import";
+    EXPECT_FALSE(cache.IsCached(user, process, target));
+    EXPECT_TRUE(cache.AddCacheNode(user, process, target, cache.PolicyGeneration()));
+    EXPECT_TRUE(cache.IsCached(user, process, target));
+}

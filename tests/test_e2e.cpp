@@ -17,6 +17,7 @@
 #include "DbTestUtil.h"
 #include "TestUtil.h"
 #include "ZELK.h"
+#include "ZELKEventAbstraction.h"
 #include "zelk.h"
 
 namespace {
@@ -436,6 +437,26 @@ TEST_F(EndToEnd, ScriptsMappingsAndTheAllowCache) {
     Import("Weekly", "{\"rules\":[]}");
     EXPECT_EQ(Run(cached).response.action, ZELK_ACTION_NOT_HANDLED);
     EXPECT_EQ(Metric("Clear", "AllowCache"), 2) << "the manifest import flushed it once already";
+}
+
+TEST_F(EndToEnd, ApprovalsReachedBeforeAnImportAreNotCached) {
+    HostEvent program = File("bin/raced", 50);
+    StoreScanned(program);
+    ASSERT_EQ(set_config(0, 0, 0), ZELK_STATUS_SUCCESS);
+
+    // A decision that read the store before an import replaced the policy
+    // finishes after it: its approval must not enter the cache.
+    ac_event decision;
+    ZELKEngine::ConvertEvent(program.Raw(), decision);
+    decision.policyGeneration = engine->GetAllowCache().PolicyGeneration();
+    Import("Weekly", "{\"rules\":[" + HashRule(program, "block") + "]}");
+    engine->RememberAllowed(decision);
+
+    HostEvent cached = program;
+    cached.type = ZELK_EVENT_CACHED;
+    EXPECT_EQ(Run(cached).response.action, ZELK_ACTION_NOT_HANDLED);
+    Verdict v = Run(program);
+    EXPECT_EQ(v.status, ZELK_STATUS_BLOCKED) << "the new ruleset decides";
 }
 
 TEST_F(EndToEnd, ConcurrentMixedEventsKeepCountersConsistent) {
