@@ -19,19 +19,18 @@ using zelktest::LogCapture;
 
 namespace {
 
-struct Fixture {
+std::string Start() {
     std::string path = zelktest::ScratchDir() + "/ac.db";
-    Fixture() {
-        ac_engine_start_s start = zelktest::StartRecord(path);
-        EXPECT_EQ(engine_start(&start), ZELK_STATUS_SUCCESS);
-    }
-    ~Fixture() { engine_stop(); }
-};
+    ac_engine_start_s start = zelktest::StartRecord(path);
+    EXPECT_EQ(engine_start(&start), ZELK_STATUS_SUCCESS);
+    return path;
+}
 
+// A host item record for /opt/<name>; the strings live as long as the Item.
 struct Item {
     ac_db_item_s raw;
-    std::string fileName, path, nativePath, ruleset;
-    Item(const std::string& name, bool authorized, const std::string& rs = "rs") {
+    std::string fileName, nativePath;
+    Item(const std::string& name, bool authorized) : fileName(name), nativePath("/opt/" + name) {
         memset(&raw, 0, sizeof(raw));
         memset(raw.md5, 0x11, sizeof(raw.md5));
         memset(raw.sha1, 0x22, sizeof(raw.sha1));
@@ -39,14 +38,10 @@ struct Item {
         raw.source = 3;
         raw.size = 42;
         raw.authorized = authorized ? 1 : 0;
-        fileName = name;
-        path = "/opt/";
-        nativePath = path + name;
-        ruleset = rs;
         raw.fileName = fileName.c_str();
-        raw.path = path.c_str();
+        raw.path = "/opt/";
         raw.nativePath = nativePath.c_str();
-        raw.ruleset = ruleset.c_str();
+        raw.ruleset = "rs";
     }
 };
 
@@ -62,39 +57,48 @@ ac_event Event(const std::string& name, uint32_t source = 3) {
     return event;
 }
 
-bool Buffer(ZELKDAL& dal, ac_event event) {
-    return dal.StoreItemBuffer(event);
-}
-bool Store(ZELKDAL& dal, ac_event event) {
-    return dal.StoreItem(event);
-}
-
 int64_t Rows(Db& db, const std::string& where = "1") {
     return db.Int("SELECT count(*) FROM InventoryItems WHERE " + where + ";");
 }
 
+// The store takes events by reference; these take a temporary.
+bool Buffer(ac_event event) {
+    return ZELKDAL::GetDAL().StoreItemBuffer(event);
+}
+bool Store(ac_event event) {
+    return ZELKDAL::GetDAL().StoreItem(event);
+}
+bool Delete(ac_event event) {
+    return ZELKDAL::GetDAL().DeleteInventoryItems(event);
+}
+
 }  // namespace
 
-TEST(DalStore, StoreItemThroughTheHostInterface) {
-    Fixture f;
-    Db db(f.path);
+class DalStore : public ::testing::Test {
+  protected:
+    ~DalStore() override { engine_stop(); }
+    std::string path = Start();
+    Db db{path};
+    ZELKDAL& dal = ZELKDAL::GetDAL();
+};
+
+TEST_F(DalStore, StoreItemThroughTheHostInterface) {
     Item allowed("a", true);
     Item refused("b", false);
     EXPECT_EQ(store_item(&allowed.raw, false), ZELK_STATUS_SUCCESS);
     EXPECT_EQ(store_item(&refused.raw, false), ZELK_STATUS_SUCCESS);
-    EXPECT_EQ(
-        db.Column("SELECT fileName || '|' || path || '|' || nativePath || '|' || hex(md5) || "
-                  "'|' || length(sha1) || '|' || length(sha256) || '|' || size || '|' || "
-                  "isAuthorized || '|' || source || '|' || ruleset FROM InventoryItems "
-                  "ORDER BY inventoryItemId;"),
-        (std::vector<std::string>{"a|/opt/|/opt/a|" + std::string(32, '1') + "|20|32|42|1|3|rs",
-                                  "b|/opt/|/opt/b|" + std::string(32, '1') + "|20|32|42|0|3|rs"}));
+    const std::string digests = std::string(32, '1') + std::string(40, '2') + std::string(64, '3');
+    EXPECT_EQ(db.Column("SELECT fileName || '|' || path || '|' || nativePath || '|' || hex(md5) || "
+                        "hex(sha1) || hex(sha256) || '|' || size || '|' || isAuthorized || '|' || "
+                        "source || '|' || ruleset FROM InventoryItems ORDER BY inventoryItemId;"),
+              (std::vector<std::string>{"a|/opt/|/opt/a|" + digests + "|42|1|3|rs",
+                                        "b|/opt/|/opt/b|" + digests + "|42|0|3|rs"}));
 
     // Every pointer field is required.
     Item incomplete("c", true);
     incomplete.raw.ruleset = nullptr;
     EXPECT_EQ(store_item(&incomplete.raw, false), ZELK_STATUS_BAD_ITEM);
-    incomplete.raw.ruleset = incomplete.ruleset.c_str();
+    incomplete.raw.ruleset = "rs";
     incomplete.raw.nativePath = nullptr;
     EXPECT_EQ(store_item(&incomplete.raw, true), ZELK_STATUS_BAD_ITEM);
 
@@ -114,10 +118,7 @@ TEST(DalStore, StoreItemThroughTheHostInterface) {
     EXPECT_EQ(db.Int("SELECT count(*) FROM TrustRules;"), 1);
 }
 
-TEST(DalStore, MissingDigestsAndUnknownStates) {
-    Fixture f;
-    Db db(f.path);
-    ZELKDAL& dal = ZELKDAL::GetDAL();
+TEST_F(DalStore, MissingDigestsAndUnknownStates) {
     ac_event event = Event("nodigest");
     event.fileSha256 = SHA256Hash();
     event.authorizedState = 0;
@@ -138,88 +139,68 @@ TEST(DalStore, MissingDigestsAndUnknownStates) {
               (std::vector<std::string>{"1", "0", "1"}));
 }
 
-TEST(DalStore, QueueFlushesPast1000InOneTransaction) {
-    Fixture f;
-    Db db(f.path);
-    ZELKDAL& dal = ZELKDAL::GetDAL();
+TEST_F(DalStore, QueueFlushesPast1000InOneTransaction) {
     for (int i = 0; i < 1000; ++i) {
-        ASSERT_TRUE(Buffer(dal, Event("f" + std::to_string(i)))) << i;
+        ASSERT_TRUE(Buffer(Event("f" + std::to_string(i)))) << i;
     }
     EXPECT_EQ(Rows(db), 0);
-    ASSERT_TRUE(Buffer(dal, Event("f1000")));
+    ASSERT_TRUE(Buffer(Event("f1000")));
     EXPECT_EQ(Rows(db), 1001);
     EXPECT_EQ(LogCapture::Get().CountContaining("StoreItemFlushInternal - 1001 items"), 1u);
     EXPECT_FALSE(dal.StoreItemFlush());
 
     // Shutdown writes whatever is still queued.
-    ASSERT_TRUE(Buffer(dal, Event("late")));
-    ac_user_list member{"admins", "carol"};
-    ASSERT_TRUE(dal.StoreUserListBuffer(member));
+    ASSERT_TRUE(Buffer(Event("late")));
+    ASSERT_TRUE(dal.StoreUserListBuffer({"admins", "carol"}));
     EXPECT_EQ(engine_stop(), ZELK_STATUS_SUCCESS);
     EXPECT_EQ(Rows(db, "fileName = 'late'"), 1);
     EXPECT_EQ(db.Text("SELECT id || ':' || user FROM UserList;"), "admins:carol");
 }
 
-TEST(DalStore, FailingBatchRollsBackAsAWhole) {
-    Fixture f;
-    Db db(f.path);
-    ZELKDAL& dal = ZELKDAL::GetDAL();
-    db.Exec(
-        "CREATE TRIGGER refuse BEFORE INSERT ON InventoryItems WHEN NEW.fileName = 'bad' "
-        "BEGIN SELECT RAISE(ABORT, 'refused'); END;");
-    db.Exec(
-        "CREATE TRIGGER refuseRule BEFORE INSERT ON TrustRules WHEN NEW.ruleset = 'bad' "
-        "BEGIN SELECT RAISE(ABORT, 'refused'); END;");
-    db.Exec(
-        "CREATE TRIGGER refuseUser BEFORE INSERT ON UserList WHEN NEW.user = 'bad' "
-        "BEGIN SELECT RAISE(ABORT, 'refused'); END;");
+TEST_F(DalStore, FailingBatchRollsBackAsAWhole) {
+    // Each table refuses a row named 'bad' in the middle of a batch.
+    for (std::string column : {"InventoryItems.fileName", "TrustRules.ruleset", "UserList.user"}) {
+        const std::string table = column.substr(0, column.find('.'));
+        db.Exec("CREATE TRIGGER refuse" + table + " BEFORE INSERT ON " + table + " WHEN NEW." +
+                column.substr(table.size() + 1) + " = 'bad' BEGIN SELECT RAISE(ABORT, 'x'); END;");
+    }
 
     for (const char* name : {"one", "two", "bad", "three"}) {
-        ASSERT_TRUE(Buffer(dal, Event(name)));
+        ASSERT_TRUE(Buffer(Event(name)));
     }
     EXPECT_FALSE(dal.StoreItemFlush());
     EXPECT_EQ(Rows(db), 0);
     EXPECT_FALSE(dal.StoreItemFlush());  // the failed batch is gone
 
-    ac_trust_rule good;
+    ac_trust_rule good, bad;
     good.ruleset = "good";
-    ac_trust_rule bad;
     bad.ruleset = "bad";
-    ASSERT_TRUE(dal.StoreTrustRuleBuffer(good));
-    ASSERT_TRUE(dal.StoreTrustRuleBuffer(bad));
+    ASSERT_TRUE(dal.StoreTrustRuleBuffer(good) && dal.StoreTrustRuleBuffer(bad));
     EXPECT_FALSE(dal.StoreTrustRuleFlush());
     EXPECT_EQ(db.Int("SELECT count(*) FROM TrustRules;"), 0);
     EXPECT_FALSE(dal.HasTrustRules());
 
-    ASSERT_TRUE(dal.StoreUserListBuffer({"l", "ok"}));
-    ASSERT_TRUE(dal.StoreUserListBuffer({"l", "bad"}));
+    ASSERT_TRUE(dal.StoreUserListBuffer({"l", "ok"}) && dal.StoreUserListBuffer({"l", "bad"}));
     EXPECT_FALSE(dal.StoreUserListFlush());
     EXPECT_EQ(db.Int("SELECT count(*) FROM UserList;"), 0);
 
     // The store is usable afterwards: no transaction was left open.
-    ASSERT_TRUE(Buffer(dal, Event("four")));
+    ASSERT_TRUE(Buffer(Event("four")));
     EXPECT_TRUE(dal.StoreItemFlush());
-    EXPECT_TRUE(Store(dal, Event("five")));
+    EXPECT_TRUE(Store(Event("five")));
     EXPECT_EQ(Rows(db), 2);
     ASSERT_TRUE(dal.StoreTrustRuleBuffer(good));
     EXPECT_TRUE(dal.StoreTrustRuleFlush());
     EXPECT_TRUE(dal.HasTrustRules());
 }
 
-TEST(DalStore, DeleteWhitelistAndExclusion) {
-    Fixture f;
-    Db db(f.path);
-    ZELKDAL& dal = ZELKDAL::GetDAL();
-    for (const char* dir : {"/opt/", "/opt"}) {
-        for (int source : {1, 2, 3, 4}) {
-            db.Exec(
-                std::string("INSERT INTO InventoryItems(fileName, path, source) VALUES('f', '") +
-                dir + "', " + std::to_string(source) + ");");
-        }
-    }
-    db.Exec("INSERT INTO InventoryItems(fileName, path, source) VALUES('f', '/opt/sub/', 3);");
-    ac_event event = Event("f");
-    ASSERT_TRUE(dal.DeleteInventoryItems(event));
+TEST_F(DalStore, DeleteWhitelistAndExclusion) {
+    // Rows under the folder with and without its trailing slash; only sources 3 and 4 go.
+    db.Exec(
+        "INSERT INTO InventoryItems(fileName, path, source) VALUES ('f', '/opt/', 1), "
+        "('f', '/opt/', 2), ('f', '/opt/', 3), ('f', '/opt/', 4), ('f', '/opt', 1), "
+        "('f', '/opt', 2), ('f', '/opt', 3), ('f', '/opt', 4), ('f', '/opt/sub/', 3);");
+    ASSERT_TRUE(Delete(Event("f")));
     EXPECT_EQ(db.Column("SELECT path || source FROM InventoryItems ORDER BY inventoryItemId;"),
               (std::vector<std::string>{"/opt/1", "/opt/2", "/opt1", "/opt2", "/opt/sub/3"}));
     EXPECT_EQ(ZELKStats::GetStats().Get("TotalDeletedEvents"), 4);
@@ -250,5 +231,5 @@ TEST(DalStore, DeleteWhitelistAndExclusion) {
     EXPECT_FALSE(dal.StoreItemFlush());
     EXPECT_EQ(Rows(db, "fileName = 'x'"), 0);
     EXPECT_EQ(ZELKStats::GetStats().Get("InventoryItemExcludedByTrustRule"), 2);
-    EXPECT_TRUE(Store(dal, Event("y")));
+    EXPECT_TRUE(Store(Event("y")));
 }
