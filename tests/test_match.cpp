@@ -2,6 +2,7 @@
 
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "TestUtil.h"
@@ -10,16 +11,13 @@
 
 namespace {
 
-struct MatchCase {
-    const char* text;
-    const char* pattern;
-    bool expected;
-};
+// text, pattern, matched
+using MatchCase = std::tuple<const char*, const char*, bool>;
 
 void ExpectCases(const std::vector<MatchCase>& cases) {
-    for (const MatchCase& c : cases) {
-        EXPECT_EQ(MatchFunction(c.text, c.pattern), c.expected)
-            << "text [" << c.text << "] pattern [" << c.pattern << "]";
+    for (const auto& [text, pattern, expected] : cases) {
+        EXPECT_EQ(MatchFunction(text, pattern), expected)
+            << "text [" << text << "] pattern [" << pattern << "]";
     }
 }
 
@@ -80,112 +78,75 @@ bool ReferenceMatch(const std::string& text, std::string pattern) {
 }  // namespace
 
 TEST(Match, LiteralPrefixAndPlainPatterns) {
+    // clang-format off
     ExpectCases({
-        {"/usr/bin/ls", "/usr/bin", true},
-        {"/usr/binx", "/usr/bin", true},
-        {"/usr/bin", "/usr/bin", true},
-        {"/usr/bi", "/usr/bin", false},
-        {"/opt/app/bin/x", "/opt/app", true},
-        {"/opt/application", "/opt/app", true},
-        {"/opt/anything/below", "/opt/", true},
-        {"C:\\dir\\file.exe", "C:\\dir\\", true},
+        {"/usr/bin/ls", "/usr/bin", true}, {"/usr/binx", "/usr/bin", true},
+        {"/usr/bin", "/usr/bin", true}, {"/usr/bi", "/usr/bin", false},
+        {"/opt/app/bin/x", "/opt/app", true}, {"/opt/application", "/opt/app", true},
+        {"/opt/anything/below", "/opt/", true}, {"C:\\dir\\file.exe", "C:\\dir\\", true},
         {"/x/opt/app", "/opt/app", false},  // must start at position 0
-        {"/OPT/app", "/opt/app", false},
-        {"/any/path", "", true},
-        {"", "", true},
-        {"", "/a", false},
+        {"/OPT/app", "/opt/app", false}, {"/any/path", "", true}, {"", "", true}, {"", "/a", false},
         // Wildcard bytes are taken literally by the prefix test.
-        {"/usr/*/ls/x", "/usr/*/ls", true},
-        {"/tmp/?.sh", "/tmp/?.sh", true},
+        {"/usr/*/ls/x", "/usr/*/ls", true}, {"/tmp/?.sh", "/tmp/?.sh", true},
         // A plain pattern that is not a prefix never matches, even when it
         // ends in a separator that would otherwise gain a "*".
-        {"/optx/a", "/opt/", false},
-        {"/opt\\a", "/opt/", false},
+        {"/optx/a", "/opt/", false}, {"/opt\\a", "/opt/", false},
     });
+    // clang-format on
 }
 
 TEST(Match, SingleStarAndQuestionMark) {
+    // clang-format off
     ExpectCases({
-        {"/usr/bin/ls", "/usr/*/ls", true},
-        {"/usr/bin/sub/ls", "/usr/*/ls", false},
+        {"/usr/bin/ls", "/usr/*/ls", true}, {"/usr/bin/sub/ls", "/usr/*/ls", false},
         {"/usr//ls", "/usr/*/ls", true},  // a star may be empty
-        {"/usr\\bin\\ls", "/usr/*/ls", false},
+        {"/usr\\bin\\ls", "/usr/*/ls", false}, 
         {"/usr/bin\\x/ls", "/usr/*/ls", false},  // nor cross a backslash
-        {"/tmp/a.sh", "/tmp/?.sh", true},
-        {"/tmp//.sh", "/tmp/?.sh", false},
-        {"/tmp/\\.sh", "/tmp/?.sh", false},
-        {"/tmp/ab.sh", "/tmp/?.sh", false},
-        {"/tmp/.sh", "/tmp/?.sh", false},
-        {"/a/x", "/A/*", false},
-        {"/A/x", "/A/*", true},
-        {"/A/x/y", "/A/*", false},
-        {"/a/bc", "/a/*c", true},
-        {"/a/bcd", "/a/*c", false},
+        {"/tmp/a.sh", "/tmp/?.sh", true}, {"/tmp//.sh", "/tmp/?.sh", false},
+        {"/tmp/\\.sh", "/tmp/?.sh", false}, {"/tmp/ab.sh", "/tmp/?.sh", false},
+        {"/tmp/.sh", "/tmp/?.sh", false}, {"/a/x", "/A/*", false}, {"/A/x", "/A/*", true},
+        {"/A/x/y", "/A/*", false}, {"/a/bc", "/a/*c", true}, {"/a/bcd", "/a/*c", false},
         {"/a/b", "/a/**b", true},  // "**" without a separator is two plain stars
-        {"/a/x/b", "/a/**b", false},
-        {"abc", "*", true},
-        {"", "*", true},
-        {"/", "*", false},
-        {"x", "?", true},
-        {"", "?", false},
+        {"/a/x/b", "/a/**b", false}, {"abc", "*", true}, {"", "*", true}, {"/", "*", false},
+        {"x", "?", true}, {"", "?", false},
         // A pattern with wildcards ending in a separator gains a "*".
-        {"/opt/x", "/op?/", true},
-        {"/opt/x/y", "/op?/", false},
-        {"\\opt\\x", "\\op?\\", true},
+        {"/opt/x", "/op?/", true}, {"/opt/x/y", "/op?/", false}, {"\\opt\\x", "\\op?\\", true},
         {"\\opt\\x\\y", "\\op?\\", false},
     });
+    // clang-format on
 }
 
 TEST(Match, DirectoryWildcard) {
+    // clang-format off
     ExpectCases({
         // Trailing "**" is read as "**/*".
-        {"/usr/a/b/c", "/usr/**", true},
-        {"/usr/a", "/usr/**", true},
-        {"/usr/", "/usr/*", true},
-        {"/usrx/a", "/us?/**", false},
-        {"/usr/a/b\\c", "/us?/**", true},
-        {"abc", "**", true},
-        {"a/b/c", "**", true},
-        {"a/b/c", "?**", true},
+        {"/usr/a/b/c", "/usr/**", true}, {"/usr/a", "/usr/**", true}, {"/usr/", "/usr/*", true},
+        {"/usrx/a", "/us?/**", false}, {"/usr/a/b\\c", "/us?/**", true}, {"abc", "**", true},
+        {"a/b/c", "**", true}, {"a/b/c", "?**", true},
         // Permissive before the first separator, strict after it.
-        {"/a/b", "/a/**/b", true},
-        {"/a/xb", "/a/**/b", true},
-        {"/a/x/y/b", "/a/**/b", true},
-        {"/a//b", "/a/**/b", true},
-        {"/a/x/yb", "/a/**/b", false},
-        {"/a/x/y/bc", "/a/**/b", false},
-        {"/a/", "/a/**/b", false},
-        {"/ab", "/a/**/b", false},
-        {"/a/x/y/b", "/a/**\\b", true},
-        {"\\a\\x\\y\\b", "\\a\\**\\b", true},
-        {"\\a\\x/y\\b", "\\a\\**/b", true},
+        {"/a/b", "/a/**/b", true}, {"/a/xb", "/a/**/b", true}, {"/a/x/y/b", "/a/**/b", true},
+        {"/a//b", "/a/**/b", true}, {"/a/x/yb", "/a/**/b", false}, {"/a/x/y/bc", "/a/**/b", false},
+        {"/a/", "/a/**/b", false}, {"/ab", "/a/**/b", false}, {"/a/x/y/b", "/a/**\\b", true},
+        {"\\a\\x\\y\\b", "\\a\\**\\b", true}, {"\\a\\x/y\\b", "\\a\\**/b", true},
         {"C:\\dir\\a\\b", "C:\\dir\\**", true},
         // Row 1 is the wildcard: column 0 must carry into the two rows it
         // consumes, or "b" alone would fail.
-        {"b", "**/b", true},
-        {"ab", "**/b", true},
-        {"/b", "**/b", true},
-        {"x/y/b", "**/b", true},
+        {"b", "**/b", true}, {"ab", "**/b", true}, {"/b", "**/b", true}, {"x/y/b", "**/b", true},
         {"a/xb", "**/b", false},
         // The switch to strict needs the cell to the left, not the one above:
         // reading the row above would end the permissive part at the very
         // first "/" and reject this.
-        {"/xb", "/**/b", true},
-        {"/x/b", "/**/b", true},
-        {"/x/yb", "/**/b", false},
+        {"/xb", "/**/b", true}, {"/x/b", "/**/b", true}, {"/x/yb", "/**/b", false},
         // Next row after the wildcard is the byte after its separator: a
         // wildcard that consumed one row too few or too many shows here.
-        {"/a/b/c", "/a/**/?/c", true},
-        {"/a/x/b/c", "/a/**/?/c", true},
-        {"/a/x/bc/c", "/a/**/?/c", false},
-        {"/a/x/c", "/a/**/*/c", true},
+        {"/a/b/c", "/a/**/?/c", true}, {"/a/x/b/c", "/a/**/?/c", true},
+        {"/a/x/bc/c", "/a/**/?/c", false}, {"/a/x/c", "/a/**/*/c", true},
         {"/a/x/y/c", "/a/**/*/c", true},
         // Two wildcards in one pattern, each switching once in its own row.
-        {"/a/x/y/b/z/c", "/a/**/b/**/c", true},
-        {"/a/b/c", "/a/**/b/**/c", true},
-        {"/a/b/zc", "/a/**/b/**/c", true},
-        {"/a/b/z/qc", "/a/**/b/**/c", false},
+        {"/a/x/y/b/z/c", "/a/**/b/**/c", true}, {"/a/b/c", "/a/**/b/**/c", true},
+        {"/a/b/zc", "/a/**/b/**/c", true}, {"/a/b/z/qc", "/a/**/b/**/c", false},
     });
+    // clang-format on
 }
 
 TEST(Match, LongTextsCrossWordBoundaries) {
@@ -227,31 +188,21 @@ TEST(Match, AgreesWithFullTable) {
 TEST(Match, RulePathLists) {
     ASSERT_EQ(ZELKLogger::GetInstance().InitLogger(&zelktest::LogCapture::Callback, 15), 0);
 
-    struct ListCase {
-        std::string path;
-        std::string list;
-        bool expected;
-    };
-    const std::vector<ListCase> cases = {
-        {"/opt/tool", "x;;/opt/*;", true},
-        {"x", "x;;/opt/*;", true},
-        {"/opt/a/b", "x;;/opt/*;", false},
-        {"/anything", "", false},
-        {"/anything", ";", false},
-        {"/anything", ";;;", false},
-        {"/usr/bin/ls", "/bin;/usr/bin", true},
-        {"/usr/bin/ls", "/usr/bin;/bin", true},
-        {"/usr/bin/ls", "/bin;/sbin", false},
-        {"/srv/a.sh", ";/srv/?.sh", true},
-        {"/srv/a/b", "/srv/**", true},
-    };
-    for (ListCase c : cases) {
-        const std::string path = c.path;
-        const std::string list = c.list;
-        EXPECT_EQ(MatchEventPathWithRulePath(c.path, c.list), c.expected)
-            << "path [" << path << "] list [" << list << "]";
-        EXPECT_EQ(c.path, path);
-        EXPECT_EQ(c.list, list);
+    // path, ";"-separated rule paths, matched
+    // clang-format off
+    const std::tuple<std::string, std::string, bool> cases[] = {
+        {"/opt/tool", "x;;/opt/*;", true}, {"x", "x;;/opt/*;", true},
+        {"/opt/a/b", "x;;/opt/*;", false}, {"/anything", "", false},
+        {"/anything", ";", false}, {"/anything", ";;;", false},
+        {"/usr/bin/ls", "/bin;/usr/bin", true}, {"/usr/bin/ls", "/usr/bin;/bin", true},
+        {"/usr/bin/ls", "/bin;/sbin", false}, {"/srv/a.sh", ";/srv/?.sh", true},
+        {"/srv/a/b", "/srv/**", true}};
+    // clang-format on
+    for (const auto& [path, list, expected] : cases) {
+        std::string p = path, l = list;  // the arguments must come back unchanged
+        EXPECT_EQ(MatchEventPathWithRulePath(p, l), expected)
+            << "[" << path << "] [" << list << "]";
+        EXPECT_EQ(p + "|" + l, path + "|" + list);
     }
 
     // The first matching piece is the one reported.
