@@ -4,6 +4,7 @@
 #include <cstring>
 #include <set>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "ZELKDrift.h"
@@ -29,6 +30,12 @@ ac_event FdEvent(uint64_t pid, uint64_t fd) {
     return event;
 }
 
+// Expected counter values, compared against std::tie of the fields.
+template <typename... T>
+std::tuple<T...> Want(T... values) {
+    return std::make_tuple(values...);
+}
+
 // Close is the way to observe whether a record is held; it counts a hit as a
 // free and a miss as "close not found".
 bool CloseFound(ZELKDrift& drift, uint64_t pid, uint64_t fd) {
@@ -46,35 +53,25 @@ void Fill(ZELKDrift& drift, uint64_t pid, uint64_t firstFd, size_t count) {
 }  // namespace
 
 TEST(Drift, FullRingEvictsOldestUntilSweepIsDue) {
-    TestDrift drift;
-    Fill(drift, 7, 0, ZELKDrift::kSlots);
-    ZELKDriftCounters c = drift.GetCounters();
-    EXPECT_EQ(c.records, 64u);
-    EXPECT_EQ(c.evicted, 0u);
-    EXPECT_EQ(c.sweeps, 0u);
-
-    // First overflow: the next-sweep time (0) is in the past, so a sweep runs;
-    // the default hook reports no process alive, so nothing is freed, the
-    // oldest record goes and the next sweep is a minute away.
+    // First overflow: the next-sweep time (0) is past, so a sweep runs; the
+    // default hook frees nothing, so the oldest record goes and the next sweep
+    // is a minute away.
     ZELKDrift plain;
     Fill(plain, 7, 0, ZELKDrift::kSlots + 1);
-    c = plain.GetCounters();
-    EXPECT_EQ(c.sweeps, 1u);
-    EXPECT_EQ(c.sweepFreed, 0u);
-    EXPECT_EQ(c.evicted, 1u);
-    EXPECT_EQ(c.records, 64u);
-    EXPECT_EQ(c.tracked, 65u);
-    EXPECT_EQ(c.opened, 65u);
+    ZELKDriftCounters c = plain.GetCounters();
+    EXPECT_EQ(std::tie(c.sweeps, c.sweepFreed, c.evicted, c.records, c.tracked, c.opened),
+              Want(1u, 0u, 1u, 64u, 65u, 65u));
     EXPECT_GT(c.nextSweepSeconds, 60u);
     EXPECT_FALSE(CloseFound(plain, 7, 0));
     EXPECT_TRUE(CloseFound(plain, 7, 64));
 
-    drift.now = 1000;
+    TestDrift drift;
+    Fill(drift, 7, 0, ZELKDrift::kSlots);
+    c = drift.GetCounters();
+    EXPECT_EQ(std::tie(c.records, c.evicted, c.sweeps), Want(64u, 0u, 0u));
     drift.Open(FdEvent(7, 64));
     c = drift.GetCounters();
-    EXPECT_EQ(c.sweeps, 1u);
-    EXPECT_EQ(c.evicted, 1u);
-    EXPECT_EQ(c.nextSweepSeconds, 1060u);
+    EXPECT_EQ(std::tie(c.sweeps, c.evicted, c.nextSweepSeconds), Want(1u, 1u, 1060u));
 
     // Not due before and at exactly the next-sweep time: evict only.
     for (uint64_t t : {1001u, 1059u, 1060u}) {
@@ -82,25 +79,18 @@ TEST(Drift, FullRingEvictsOldestUntilSweepIsDue) {
         drift.Open(FdEvent(7, 100 + t));
     }
     c = drift.GetCounters();
-    EXPECT_EQ(c.sweeps, 1u);
-    EXPECT_EQ(c.evicted, 4u);
-    EXPECT_EQ(c.nextSweepSeconds, 1060u);
+    EXPECT_EQ(std::tie(c.sweeps, c.evicted, c.nextSweepSeconds), Want(1u, 4u, 1060u));
 
     // One second later it is due; nothing frees, so evict and postpone.
     drift.now = 1061;
     drift.Open(FdEvent(7, 200));
     c = drift.GetCounters();
-    EXPECT_EQ(c.sweeps, 2u);
-    EXPECT_EQ(c.evicted, 5u);
-    EXPECT_EQ(c.nextSweepSeconds, 1121u);
-    EXPECT_EQ(c.records, 64u);
+    EXPECT_EQ(std::tie(c.sweeps, c.evicted, c.nextSweepSeconds, c.records),
+              Want(2u, 5u, 1121u, 64u));
 
     // Exactly the five oldest descriptors 0..4 went.
-    for (uint64_t fd = 0; fd < 5; ++fd) {
-        EXPECT_FALSE(CloseFound(drift, 7, fd)) << fd;
-    }
-    for (uint64_t fd = 5; fd < 64; ++fd) {
-        EXPECT_TRUE(CloseFound(drift, 7, fd)) << fd;
+    for (uint64_t fd = 0; fd < 64; ++fd) {
+        EXPECT_EQ(CloseFound(drift, 7, fd), fd >= 5) << fd;
     }
     for (uint64_t fd : {64u, 1101u, 1159u, 1160u, 200u}) {
         EXPECT_TRUE(CloseFound(drift, 7, fd)) << fd;
@@ -113,22 +103,18 @@ TEST(Drift, SweepFreesReportedProcesses) {
     // sweep is postponed, but room was made and nothing is evicted.
     TestDrift drift;
     drift.sweepable = {2};
+    auto ofTwo = [](uint64_t k) { return k % 6 == 0 && k < 60; };
     for (uint64_t k = 0; k < ZELKDrift::kSlots; ++k) {
-        drift.Open(FdEvent(k % 6 == 0 && k < 60 ? 2 : 1, k));
+        drift.Open(FdEvent(ofTwo(k) ? 2 : 1, k));
     }
     drift.Open(FdEvent(1, 500));
     ZELKDriftCounters c = drift.GetCounters();
-    EXPECT_EQ(c.sweeps, 1u);
-    EXPECT_EQ(c.sweepFreed, 10u);
-    EXPECT_EQ(c.evicted, 0u);
-    EXPECT_EQ(c.records, 55u);
-    EXPECT_EQ(c.nextSweepSeconds, 1060u);
+    EXPECT_EQ(std::tie(c.sweeps, c.sweepFreed, c.evicted, c.records, c.nextSweepSeconds),
+              Want(1u, 10u, 0u, 55u, 1060u));
     // Every record of process 1 survived the in-place removal, none of 2.
     for (uint64_t k = 0; k < ZELKDrift::kSlots; ++k) {
-        EXPECT_EQ(CloseFound(drift, 2, k), false) << k;
-        if (!(k % 6 == 0 && k < 60)) {
-            EXPECT_TRUE(CloseFound(drift, 1, k)) << k;
-        }
+        EXPECT_FALSE(CloseFound(drift, 2, k)) << k;
+        EXPECT_EQ(CloseFound(drift, 1, k), !ofTwo(k)) << k;
     }
     EXPECT_TRUE(CloseFound(drift, 1, 500));
 
@@ -140,10 +126,8 @@ TEST(Drift, SweepFreesReportedProcesses) {
     }
     busy.Open(FdEvent(1, 500));
     c = busy.GetCounters();
-    EXPECT_EQ(c.sweepFreed, 32u);
-    EXPECT_EQ(c.evicted, 0u);
-    EXPECT_EQ(c.records, 33u);
-    EXPECT_EQ(c.nextSweepSeconds, 0u);
+    EXPECT_EQ(std::tie(c.sweepFreed, c.evicted, c.records, c.nextSweepSeconds),
+              Want(32u, 0u, 33u, 0u));
 }
 
 TEST(Drift, CloseFreesByMovingTheHeadRecord) {
@@ -157,17 +141,13 @@ TEST(Drift, CloseFreesByMovingTheHeadRecord) {
     drift.Open(FdEvent(3, 101));  // sweeps (nothing freed), evicts fd 1
     drift.Open(FdEvent(3, 102));  // sweep not due, evicts fd 2
     ZELKDriftCounters c = drift.GetCounters();
-    EXPECT_EQ(c.evicted, 2u);
-    EXPECT_EQ(c.sweeps, 1u);
-    EXPECT_EQ(c.freedOnCloseOrDup, 1u);
-    EXPECT_TRUE(CloseFound(drift, 3, 0));
-    EXPECT_FALSE(CloseFound(drift, 3, 1));
-    EXPECT_FALSE(CloseFound(drift, 3, 2));
-    EXPECT_FALSE(CloseFound(drift, 3, 10));
-    EXPECT_TRUE(CloseFound(drift, 3, 102));
+    EXPECT_EQ(std::tie(c.evicted, c.sweeps, c.freedOnCloseOrDup), Want(2u, 1u, 1u));
     // Records match on the pair: same descriptor, other process.
     EXPECT_FALSE(CloseFound(drift, 4, 3));
-    EXPECT_TRUE(CloseFound(drift, 3, 3));
+    for (auto [fd, held] :
+         {std::pair{0u, true}, {1u, false}, {2u, false}, {10u, false}, {102u, true}, {3u, true}}) {
+        EXPECT_EQ(CloseFound(drift, 3, fd), held) << fd;
+    }
 }
 
 TEST(Drift, CountersOfCloseDupAndCondOpen) {
@@ -178,51 +158,37 @@ TEST(Drift, CountersOfCloseDupAndCondOpen) {
     // Probes count every slot looked at: fd 4 is the second record.
     drift.CondOpen(FdEvent(1, 4));
     ZELKDriftCounters c = drift.GetCounters();
-    EXPECT_EQ(c.condOpenAlreadyTracked, 1u);
-    EXPECT_EQ(c.condOpenTracked, 0u);
-    EXPECT_EQ(c.records, 2u);
-    EXPECT_EQ(c.probes, 2u);
+    EXPECT_EQ(std::tie(c.condOpenAlreadyTracked, c.condOpenTracked, c.records, c.probes),
+              Want(1u, 0u, 2u, 2u));
     drift.CondOpen(FdEvent(1, 5));
     c = drift.GetCounters();
-    EXPECT_EQ(c.condOpenTracked, 1u);
-    EXPECT_EQ(c.records, 3u);
-    EXPECT_EQ(c.tracked, 3u);
-    EXPECT_EQ(c.opened, 2u);
-    EXPECT_EQ(c.probes, 4u);
+    EXPECT_EQ(std::tie(c.condOpenTracked, c.records, c.tracked, c.opened, c.probes),
+              Want(1u, 3u, 3u, 2u, 4u));
 
     drift.Close(FdEvent(1, 9));
     c = drift.GetCounters();
-    EXPECT_EQ(c.closeNotFound, 1u);
-    EXPECT_EQ(c.closeMisses, 1u);
-    EXPECT_EQ(c.probes, 7u);
+    EXPECT_EQ(std::tie(c.closeNotFound, c.closeMisses, c.probes), Want(1u, 1u, 7u));
 
     // Dup 3 -> 8: the old record goes and one for 8 is tracked.
     drift.Dup(FdEvent(1, 3), 8);
     c = drift.GetCounters();
-    EXPECT_EQ(c.freedOnCloseOrDup, 1u);
-    EXPECT_EQ(c.dupTracked, 1u);
-    EXPECT_EQ(c.records, 3u);
+    EXPECT_EQ(std::tie(c.freedOnCloseOrDup, c.dupTracked, c.records), Want(1u, 1u, 3u));
     // Dup of an untracked descriptor onto a tracked one: a miss, no change.
     drift.Dup(FdEvent(1, 30), 8);
     c = drift.GetCounters();
-    EXPECT_EQ(c.freedOnCloseOrDup, 1u);
-    EXPECT_EQ(c.dupMisses, 1u);
-    EXPECT_EQ(c.dupTracked, 1u);
-    EXPECT_EQ(c.records, 3u);
+    EXPECT_EQ(std::tie(c.freedOnCloseOrDup, c.dupMisses, c.dupTracked, c.records),
+              Want(1u, 1u, 1u, 3u));
 
     // Only counts: 4 and 8 are tracked, 30 is not.
     drift.DupTrackPossibleClose(FdEvent(1, 4), 8);
     drift.DupTrackPossibleClose(FdEvent(1, 30), 4);
     c = drift.GetCounters();
-    EXPECT_EQ(c.possibleCloseSearches, 2u);
-    EXPECT_EQ(c.possibleCloseHits, 3u);
-    EXPECT_EQ(c.closeMisses, 2u);
-    EXPECT_EQ(c.records, 3u);
+    EXPECT_EQ(std::tie(c.possibleCloseSearches, c.possibleCloseHits, c.closeMisses, c.records),
+              Want(2u, 3u, 2u, 3u));
 
-    EXPECT_TRUE(CloseFound(drift, 1, 8));
-    EXPECT_FALSE(CloseFound(drift, 1, 3));
-    EXPECT_TRUE(CloseFound(drift, 1, 4));
-    EXPECT_TRUE(CloseFound(drift, 1, 5));
+    for (auto [fd, held] : {std::pair{8u, true}, {3u, false}, {4u, true}, {5u, true}}) {
+        EXPECT_EQ(CloseFound(drift, 1, fd), held) << fd;
+    }
     EXPECT_EQ(drift.GetCounters().freedOnCloseOrDup, 4u);
 }
 
