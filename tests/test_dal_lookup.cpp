@@ -3,7 +3,9 @@
 // and looked up through the store.
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <string>
+#include <vector>
 
 #include "DbTestUtil.h"
 #include "TestUtil.h"
@@ -17,18 +19,15 @@ using zelktest::LogCapture;
 
 namespace {
 
-// A digest made of one repeated byte, and its SQL literal.
-std::string Bytes(char c, size_t n) {
-    return std::string(n, c);
-}
+// The SQL literal of a digest made of one repeated byte.
 std::string Blob(char c, size_t n) {
-    std::string hex;
-    static const char* digits = "0123456789abcdef";
+    char hex[3];
+    snprintf(hex, sizeof(hex), "%02x", static_cast<unsigned char>(c));
+    std::string out = "x'";
     for (size_t i = 0; i < n; ++i) {
-        hex += digits[(static_cast<unsigned char>(c) >> 4) & 15];
-        hex += digits[static_cast<unsigned char>(c) & 15];
+        out += hex;
     }
-    return "x'" + hex + "'";
+    return out + "'";
 }
 
 struct Fixture {
@@ -53,19 +52,32 @@ int64_t Insert(Db& db, int source, int authorized, const std::string& sha256, in
     return db.Int("SELECT max(inventoryItemId) FROM InventoryItems;");
 }
 
-std::string Upper(std::string text) {
-    for (char& c : text) {
-        c = static_cast<char>(toupper(static_cast<unsigned char>(c)));
-    }
-    return text;
-}
-
 ac_event FileEvent(char sha256, uint64_t size) {
     ac_event event;
     if (sha256 != 0) {
-        event.fileSha256 = SHA256Hash(Bytes(sha256, 32).data());
+        event.fileSha256 = SHA256Hash(std::string(32, sha256).data());
     }
     event.size = size;
+    return event;
+}
+
+// Runs the allow lookup; "-" when it cannot run, else
+// "isAuthorized/authorizedState source ruleset".
+std::string Look(ac_event event) {
+    if (!ZELKDAL::GetDAL().IsAllowedInDB(event)) {
+        return "-";
+    }
+    return std::to_string(event.isAuthorized) + "/" + std::to_string(event.authorizedState) + " " +
+           std::to_string(event.source) + " " + event.ruleset;
+}
+
+ac_event WithOld(ac_event event, char sha1, char md5) {
+    if (sha1 != 0) {
+        event.fileSha1 = SHA1Hash(std::string(20, sha1).data());
+    }
+    if (md5 != 0) {
+        event.fileMd5 = MD5Hash(std::string(16, md5).data());
+    }
     return event;
 }
 
@@ -74,7 +86,6 @@ ac_event FileEvent(char sha256, uint64_t size) {
 TEST(DalAllowLookup, OrderOfLookupsAndSizes) {
     Fixture f;
     Db db(f.path);
-    ZELKDAL& dal = ZELKDAL::GetDAL();
     // Source 2 wins over a newer source-3 row of the same file.
     Insert(db, 2, 1, Blob('a', 32), 100, "NULL", "NULL", "rs-a");
     Insert(db, 3, 1, Blob('a', 32), 100);
@@ -86,114 +97,75 @@ TEST(DalAllowLookup, OrderOfLookupsAndSizes) {
     // A row with a SHA-256 is never found by its SHA-1.
     Insert(db, 2, 1, Blob('d', 32), 0, Blob('t', 20));
 
-    ac_event event = FileEvent('a', 100);
-    ASSERT_TRUE(dal.IsAllowedInDB(event));
-    EXPECT_EQ(event.source, 2u);
-    EXPECT_EQ(event.ruleset, "rs-a");
-    EXPECT_EQ(event.isAuthorized, 1u);
-    EXPECT_EQ(event.authorizedState, 3u);
-
-    event = FileEvent('b', 123456);
-    ASSERT_TRUE(dal.IsAllowedInDB(event));
-    EXPECT_EQ(event.isAuthorized, 1u);
-    EXPECT_EQ(event.source, 3u);
-
-    event = FileEvent('c', 51);
-    event.isAuthorized = 7;
-    event.authorizedState = 7;
-    ASSERT_TRUE(dal.IsAllowedInDB(event));
-    EXPECT_EQ(event.isAuthorized, 0u);
-    EXPECT_EQ(event.authorizedState, 0u);
-
+    EXPECT_EQ(Look(FileEvent('a', 100)), "1/3 2 rs-a");
+    EXPECT_EQ(Look(FileEvent('b', 123456)), "1/3 3 ");
+    ac_event wrongSize = FileEvent('c', 51);
+    wrongSize.isAuthorized = wrongSize.authorizedState = 7;
+    EXPECT_EQ(Look(wrongSize), "0/0 0 ");
     // No SHA-256: the lookup cannot run, whatever else the event carries.
-    event = FileEvent(0, 0);
-    event.fileSha1 = SHA1Hash(Bytes('s', 20).data());
-    event.isAuthorized = 7;
-    EXPECT_FALSE(dal.IsAllowedInDB(event));
-    EXPECT_EQ(event.isAuthorized, 7u);
+    EXPECT_EQ(Look(WithOld(FileEvent(0, 0), 's', 0)), "-");
 
     // The alternate lookups stay off until the counts say such rules exist.
-    ac_event bySha1 = FileEvent('z', 1);
-    bySha1.fileSha1 = SHA1Hash(Bytes('s', 20).data());
-    ac_event byMd5 = FileEvent('z', 1);
-    byMd5.fileMd5 = MD5Hash(Bytes('m', 16).data());
-    ac_event withSha256 = FileEvent('z', 1);
-    withSha256.fileSha1 = SHA1Hash(Bytes('t', 20).data());
+    ZELKDAL& dal = ZELKDAL::GetDAL();
     ASSERT_EQ(dal.GetSHA1RuleCount(), 0);
-    ASSERT_TRUE(dal.IsAllowedInDB(bySha1));
-    EXPECT_EQ(bySha1.isAuthorized, 0u);
-
+    EXPECT_EQ(Look(WithOld(FileEvent('z', 1), 's', 0)), "0/0 0 ");
     dal.RefreshRuleSummaries();
     ASSERT_EQ(dal.GetSHA1RuleCount(), 2);
     ASSERT_EQ(dal.GetMD5RuleCount(), 1);
-    ASSERT_TRUE(dal.IsAllowedInDB(bySha1));
-    EXPECT_EQ(bySha1.ruleset, "rs-sha1");
-    EXPECT_EQ(bySha1.isAuthorized, 1u);
-    ASSERT_TRUE(dal.IsAllowedInDB(byMd5));
-    EXPECT_EQ(byMd5.ruleset, "rs-md5");
-    ASSERT_TRUE(dal.IsAllowedInDB(withSha256));
-    EXPECT_EQ(withSha256.isAuthorized, 0u);
+    EXPECT_EQ(Look(WithOld(FileEvent('z', 1), 's', 0)), "1/3 2 rs-sha1");
+    EXPECT_EQ(Look(WithOld(FileEvent('z', 1), 0, 'm')), "1/3 2 rs-md5");
+    EXPECT_EQ(Look(WithOld(FileEvent('z', 1), 't', 0)), "0/0 0 ");
 }
 
 TEST(DalAllowLookup, InterpretationBySourceAndState) {
     Fixture f;
     Db db(f.path);
-    ZELKDAL& dal = ZELKDAL::GetDAL();
-    int64_t agentRefused = Insert(db, 1, 0, Blob('1', 32), 0);
-    int64_t ruleRefused = Insert(db, 2, 0, Blob('2', 32), 0);
+    Insert(db, 1, 0, Blob('1', 32), 0);  // the agent's rules always allow
+    Insert(db, 2, 0, Blob('2', 32), 0);  // a refusing execution rule
     int64_t rule = Insert(db, 2, 1, Blob('3', 32), 0);
     int64_t scanned = Insert(db, 3, 1, Blob('4', 32), 0);
     int64_t drift = Insert(db, 4, 1, Blob('5', 32), 0);
-    int64_t driftRefused = Insert(db, 4, 0, Blob('6', 32), 0);
+    Insert(db, 4, 0, Blob('6', 32), 0);  // a refused drift row decides nothing
     // Past 2^32: the inventory check reads only the low 32 bits (5).
     Insert(db, 3, 1, Blob('7', 32), 0, "NULL", "NULL", "", (int64_t{1} << 32) + 5);
-    (void)agentRefused;
-    (void)ruleRefused;
-    (void)driftRefused;
 
     auto lookup = [&](char digest) {
         ac_event event = FileEvent(digest, 1);
-        event.isAuthorized = 77;
-        event.authorizedState = 77;
-        EXPECT_TRUE(dal.IsAllowedInDB(event));
-        return std::make_pair(event.isAuthorized, event.authorizedState);
+        event.isAuthorized = event.authorizedState = 77;
+        std::string found = Look(event);
+        return found.substr(0, found.find(' '));
     };
-    using P = std::pair<uint32_t, uint32_t>;
-    EXPECT_EQ(lookup('1'), P(1, 3));  // the agent's rules always allow
-    EXPECT_EQ(lookup('2'), P(2, 2));  // a refusing execution rule
-    EXPECT_EQ(lookup('3'), P(1, 3));
-    EXPECT_EQ(lookup('6'), P(77, 77));  // a refused drift row decides nothing
+    EXPECT_EQ(lookup('1'), "1/3");
+    EXPECT_EQ(lookup('2'), "2/2");
+    EXPECT_EQ(lookup('3'), "1/3");
+    EXPECT_EQ(lookup('6'), "77/77");
 
-    config.SetPreviousMaxInventoryItemId(static_cast<unsigned long>(scanned));
-    config.SetRebuildState(2);  // only rows newer than the rebuild start count
-    EXPECT_EQ(lookup('4'), P(2, 3));
-    EXPECT_EQ(lookup('5'), P(1, 3));
-    config.SetPreviousMaxInventoryItemId(static_cast<unsigned long>(drift));
-    EXPECT_EQ(lookup('5'), P(2, 3));
-    config.SetRebuildState(1);  // the scan confirms older rows
-    EXPECT_EQ(lookup('4'), P(1, 3));
-    EXPECT_EQ(lookup('7'), P(1, 3));
-    config.SetPreviousMaxInventoryItemId(2);
-    EXPECT_EQ(lookup('4'), P(2, 3));
-    EXPECT_EQ(lookup('7'), P(2, 3));
-    config.SetRebuildState(3);
-    EXPECT_EQ(lookup('4'), P(2, 3));
-    EXPECT_EQ(lookup('5'), P(2, 3));
+    // Rebuild 2: only rows newer than the rebuild start count; rebuild 1: the
+    // scan confirms older rows; import 1: rows of the running import are not
+    // confirmed; import 2: rows of the replaced ruleset no longer count.
+    struct Step {
+        int rebuild, import;
+        int64_t maxInventory, maxRuleset;
+        char digest;
+        const char* expected;
+    };
+    const Step steps[] = {{2, 0, scanned, 0, '4', "2/3"},     {2, 0, scanned, 0, '5', "1/3"},
+                          {2, 0, drift, 0, '5', "2/3"},       {1, 0, drift, 0, '4', "1/3"},
+                          {1, 0, drift, 0, '7', "1/3"},       {1, 0, 2, 0, '4', "2/3"},
+                          {1, 0, 2, 0, '7', "2/3"},           {3, 0, 2, 0, '4', "2/3"},
+                          {3, 0, 2, 0, '5', "2/3"},           {0, 1, rule - 1, 0, '3', "2/2"},
+                          {0, 1, rule, 0, '3', "1/3"},        {0, 2, rule, rule, '3', "2/2"},
+                          {0, 2, rule, rule - 1, '3', "1/3"}, {0, 5, rule, rule - 1, '3', "2/2"}};
+    for (const Step& s : steps) {
+        config.SetRebuildState(s.rebuild);
+        config.SetImportState(s.import);
+        config.SetPreviousMaxInventoryItemId(static_cast<unsigned long>(s.maxInventory));
+        config.SetPreviousMaxRulesetItemId(static_cast<unsigned long>(s.maxRuleset));
+        EXPECT_EQ(lookup(s.digest), s.expected)
+            << "rebuild " << s.rebuild << " import " << s.import << " max " << s.maxInventory << "/"
+            << s.maxRuleset << " digest " << s.digest;
+    }
     EXPECT_TRUE(LogCapture::Get().Contains("Unsupported rebuildState: 3\n"));
-    config.SetRebuildState(0);
-
-    config.SetImportState(1);  // rows of the running import are not confirmed
-    config.SetPreviousMaxInventoryItemId(static_cast<unsigned long>(rule - 1));
-    EXPECT_EQ(lookup('3'), P(2, 2));
-    config.SetPreviousMaxInventoryItemId(static_cast<unsigned long>(rule));
-    EXPECT_EQ(lookup('3'), P(1, 3));
-    config.SetImportState(2);  // rows of the replaced ruleset no longer count
-    config.SetPreviousMaxRulesetItemId(static_cast<unsigned long>(rule));
-    EXPECT_EQ(lookup('3'), P(2, 2));
-    config.SetPreviousMaxRulesetItemId(static_cast<unsigned long>(rule - 1));
-    EXPECT_EQ(lookup('3'), P(1, 3));
-    config.SetImportState(5);
-    EXPECT_EQ(lookup('3'), P(2, 2));
     EXPECT_TRUE(LogCapture::Get().Contains("Unsupported importState: 5\n"));
 }
 
@@ -214,16 +186,16 @@ TEST(DalAllowLookup, PrelinkUpdate) {
     EXPECT_FALSE(dal.UpdatePrelinkItem(event));  // empty slot
     EXPECT_EQ(stats.Get("RunPrelinkNohash"), 1);
 
-    dal.SetPreviousPrelinkHash(SHA256Hash(Bytes('o', 32).data()));
+    dal.SetPreviousPrelinkHash(SHA256Hash(std::string(32, 'o').data()));
     EXPECT_TRUE(dal.UpdatePrelinkItem(event));
     EXPECT_EQ(stats.Get("RunPrelinkUpdated"), 1);
-    EXPECT_EQ(db.Text("SELECT hex(sha256) || ' ' || size FROM InventoryItems;"),
-              Upper(Blob('n', 32).substr(2, 64)) + " 20");
+    EXPECT_EQ(db.Text("SELECT lower(hex(sha256)) || ' ' || size FROM InventoryItems;"),
+              Blob('n', 32).substr(2, 64) + " 20");
 
     // No prelink row has the old digest, but the old file was known: the new
     // content is recorded.
     Insert(db, 3, 1, Blob('p', 32), 0);
-    dal.SetPreviousPrelinkHash(SHA256Hash(Bytes('p', 32).data()));
+    dal.SetPreviousPrelinkHash(SHA256Hash(std::string(32, 'p').data()));
     ac_event other = FileEvent('q', 5);
     other.fileName = "other";
     other.source = 3;
@@ -234,7 +206,7 @@ TEST(DalAllowLookup, PrelinkUpdate) {
     EXPECT_EQ(db.Int("SELECT count(*) FROM InventoryItems WHERE fileName = 'other';"), 1);
 
     // The old file was never known: nothing is stored.
-    dal.SetPreviousPrelinkHash(SHA256Hash(Bytes('u', 32).data()));
+    dal.SetPreviousPrelinkHash(SHA256Hash(std::string(32, 'u').data()));
     ac_event unknown = FileEvent('r', 5);
     unknown.fileName = "unknown";
     EXPECT_FALSE(dal.UpdatePrelinkItem(unknown));
@@ -254,25 +226,23 @@ TEST(DalTrustLookup, WildcardsUsersGroupsListsAndHitcounts) {
     EXPECT_FALSE(dal.IsFoundInTrustRules(2, event));
     EXPECT_EQ(LogCapture::Get().CountContaining("IsFoundInTrustRules lock"), 0u);
 
-    auto rule = [&](const std::string& process, const std::string& paths, int64_t type,
-                    const std::string& ruleset) {
+    // Columns: processName, paths, trustType, user, group, userList, signer, ruleset.
+    const std::vector<std::vector<std::string>> rules = {
+        {"/usr/bin/*", "/opt/app/**/*.so;/srv/", "2", "", "", "", "", "build"},
+        {"", "", "3", "alice", "", "", "", "user"},
+        {"", "", "3", "", "wheel", "", "", "group"},
+        {"", "", "3", "", "", "admins", "", "list"},
+        {"/bin/s?", "", "0", "", "", "", "Acme", "signer"}};
+    for (const std::vector<std::string>& c : rules) {
         ac_trust_rule r;
-        r.processName = process;
-        r.paths = paths;
-        r.trustType = type;
-        r.ruleset = ruleset;
-        return r;
-    };
-    ac_trust_rule build = rule("/usr/bin/*", "/opt/app/**/*.so;/srv/", 2, "build");
-    ac_trust_rule user = rule("", "", 3, "user");
-    user.procUser = "alice";
-    ac_trust_rule group = rule("", "", 3, "group");
-    group.procGroup = "wheel";
-    ac_trust_rule list = rule("", "", 3, "list");
-    list.userList = "admins";
-    ac_trust_rule signer = rule("/bin/s?", "", 0, "signer");
-    signer.signerName = "Acme";
-    for (const ac_trust_rule& r : {build, user, group, list, signer}) {
+        r.processName = c[0];
+        r.paths = c[1];
+        r.trustType = std::stoi(c[2]);
+        r.procUser = c[3];
+        r.procGroup = c[4];
+        r.userList = c[5];
+        r.signerName = c[6];
+        r.ruleset = c[7];
         ASSERT_TRUE(dal.StoreTrustRuleBuffer(r));
     }
     ASSERT_TRUE(dal.StoreTrustRuleFlush());
