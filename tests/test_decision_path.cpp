@@ -43,15 +43,8 @@ std::string AllowCacheMetrics() {
     return out;
 }
 
-// Runs `steps` on a fresh database with log mask `mask`; `target` is stored
-// as an allowed scanned item first.
-Outcome Drive(const std::string& dir, unsigned mask, const std::string& target,
-              const std::vector<Step>& steps) {
-    const std::string db = dir + "/ac-" + std::to_string(mask) + ".db";
-    ac_engine_start_s start = zelktest::StartRecord(db, 15);
-    EXPECT_EQ(engine_start(&start), ZELK_STATUS_SUCCESS);
-    EXPECT_EQ(set_loglevel(mask), ZELK_STATUS_SUCCESS);
-    uint8_t sha[32] = {7, 1, 2, 3};
+// Stores `target` as an allowed scanned item with digest `sha` and size 4.
+void StoreAllowed(const uint8_t* sha, const std::string& target) {
     ac_db_item_s item;
     memset(&item, 0, sizeof(item));
     memcpy(item.sha256, sha, 32);
@@ -63,19 +56,37 @@ Outcome Drive(const std::string& dir, unsigned mask, const std::string& target,
     item.authorized = 1;
     item.ruleset = "";
     EXPECT_EQ(store_item(&item, false), ZELK_STATUS_SUCCESS);
+}
 
+// A host event of `type` for `target` run by `process` as `user`.
+ac_wrapper_event_s HostEvent(uint32_t type, const char* user, const char* process,
+                             const std::string& target, uint8_t* sha) {
+    ac_wrapper_event_s e = zelktest::EmptyEvent();
+    e.eventType = type;
+    e.pid = 77;
+    e.isexec = 1;
+    e.size = 4;
+    e.user = user;
+    e.processName = process;
+    e.name = target.c_str();
+    e.group = "staff";
+    e.fileSha256 = sha;
+    return e;
+}
+
+// Runs `steps` on a fresh database with log mask `mask`; `target` is stored
+// as an allowed scanned item first.
+Outcome Drive(const std::string& dir, unsigned mask, const std::string& target,
+              const std::vector<Step>& steps) {
+    const std::string db = dir + "/ac-" + std::to_string(mask) + ".db";
+    ac_engine_start_s start = zelktest::StartRecord(db, 15);
+    EXPECT_EQ(engine_start(&start), ZELK_STATUS_SUCCESS);
+    EXPECT_EQ(set_loglevel(mask), ZELK_STATUS_SUCCESS);
+    uint8_t sha[32] = {7, 1, 2, 3};
+    StoreAllowed(sha, target);
     Outcome out;
     for (const Step& step : steps) {
-        ac_wrapper_event_s e = zelktest::EmptyEvent();
-        e.eventType = step.type;
-        e.pid = 77;
-        e.isexec = 1;
-        e.size = 4;
-        e.user = step.user;
-        e.processName = step.process;
-        e.name = step.target.c_str();
-        e.group = "staff";
-        e.fileSha256 = sha;
+        ac_wrapper_event_s e = HostEvent(step.type, step.user, step.process, step.target, sha);
         ac_wrapper_response_s response;
         memset(&response, 0xcd, sizeof(response));
         out.statuses.push_back(app_ctl(&e, &response));
@@ -93,18 +104,18 @@ TEST(DecisionPath, CacheAnswersMatchWithAndWithoutTracing) {
     const std::string dir = zelktest::ScratchDir();
     const std::string target = "/opt/x/a-rather-long-tool-name-beyond-short-strings";
     const std::vector<Step> steps = {
-        {ZELK_EVENT_CACHED, "alice", "/usr/bin/bash", target},      // target miss
-        {ZELK_EVENT_EXEC_PRE, "alice", "/usr/bin/bash", target},    // allowed, cached
-        {ZELK_EVENT_CACHED, "alice", "/usr/bin/bash", target},      // hit
-        {ZELK_EVENT_CACHED, "bob", "/usr/bin/bash", target},        // user miss
-        {ZELK_EVENT_CACHED, "alice", "/usr/bin/zsh", target},       // process miss
-        {ZELK_EVENT_CACHED, nullptr, nullptr, target},              // no keys: miss
-        {ZELK_EVENT_EXEC_PRE, nullptr, nullptr, target},            // allowed, cached empty
-        {ZELK_EVENT_CACHED, nullptr, nullptr, target},              // hit with empty keys
-        {ZELK_EVENT_CACHED, "", "", target},                        // the same hit
-        {ZELK_EVENT_DELETE_POST, "alice", "/usr/bin/bash", target}, // drops the target
-        {ZELK_EVENT_CACHED, "alice", "/usr/bin/bash", target},      // target miss again
-        {ZELK_EVENT_CACHED, "alice", "/usr/bin/bash", ""},          // empty target
+        {ZELK_EVENT_CACHED, "alice", "/usr/bin/bash", target},       // target miss
+        {ZELK_EVENT_EXEC_PRE, "alice", "/usr/bin/bash", target},     // allowed, cached
+        {ZELK_EVENT_CACHED, "alice", "/usr/bin/bash", target},       // hit
+        {ZELK_EVENT_CACHED, "bob", "/usr/bin/bash", target},         // user miss
+        {ZELK_EVENT_CACHED, "alice", "/usr/bin/zsh", target},        // process miss
+        {ZELK_EVENT_CACHED, nullptr, nullptr, target},               // no keys: miss
+        {ZELK_EVENT_EXEC_PRE, nullptr, nullptr, target},             // allowed, cached empty
+        {ZELK_EVENT_CACHED, nullptr, nullptr, target},               // hit with empty keys
+        {ZELK_EVENT_CACHED, "", "", target},                         // the same hit
+        {ZELK_EVENT_DELETE_POST, "alice", "/usr/bin/bash", target},  // drops the target
+        {ZELK_EVENT_CACHED, "alice", "/usr/bin/bash", target},       // target miss again
+        {ZELK_EVENT_CACHED, "alice", "/usr/bin/bash", ""},           // empty target
     };
     const Outcome traced = Drive(dir, 15, target, steps);
     const Outcome quiet = Drive(dir, ZELK_LOG_ERROR | ZELK_LOG_WARNING, target, steps);
@@ -131,25 +142,8 @@ TEST(DecisionPath, ThreadsKeepTheirOwnCacheKeys) {
     ASSERT_EQ(engine_start(&start), ZELK_STATUS_SUCCESS);
     uint8_t sha[32] = {9};
     const std::string cached = "/opt/cached/tool-that-is-allowed-and-remembered";
-    ac_db_item_s item;
-    memset(&item, 0, sizeof(item));
-    memcpy(item.sha256, sha, 32);
-    item.source = ZELK_SOURCE_SCANNED;
-    item.fileName = "tool";
-    item.path = "/opt/cached/";
-    item.nativePath = cached.c_str();
-    item.size = 4;
-    item.authorized = 1;
-    item.ruleset = "";
-    ASSERT_EQ(store_item(&item, false), ZELK_STATUS_SUCCESS);
-    ac_wrapper_event_s warm = zelktest::EmptyEvent();
-    warm.eventType = ZELK_EVENT_EXEC_PRE;
-    warm.isexec = 1;
-    warm.size = 4;
-    warm.user = "alice";
-    warm.processName = "/usr/bin/bash";
-    warm.name = cached.c_str();
-    warm.fileSha256 = sha;
+    StoreAllowed(sha, cached);
+    ac_wrapper_event_s warm = HostEvent(ZELK_EVENT_EXEC_PRE, "alice", "/usr/bin/bash", cached, sha);
     ac_wrapper_response_s response;
     ASSERT_EQ(app_ctl(&warm, &response), ZELK_STATUS_SUCCESS);
 
@@ -158,11 +152,8 @@ TEST(DecisionPath, ThreadsKeepTheirOwnCacheKeys) {
         const std::string other = "/opt/other/never-allowed-tool-" + std::to_string(index);
         for (int i = 0; i < 2000; ++i) {
             const bool expectHit = (i + index) % 2 == 0;
-            ac_wrapper_event_s e = zelktest::EmptyEvent();
-            e.eventType = ZELK_EVENT_CACHED;
-            e.user = "alice";
-            e.processName = "/usr/bin/bash";
-            e.name = expectHit ? cached.c_str() : other.c_str();
+            ac_wrapper_event_s e = HostEvent(ZELK_EVENT_CACHED, "alice", "/usr/bin/bash",
+                                             expectHit ? cached : other, nullptr);
             ac_wrapper_response_s r;
             app_ctl(&e, &r);
             if ((r.authorizedState == 3) != expectHit) {
