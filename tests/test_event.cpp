@@ -1,7 +1,9 @@
+// Host record to engine event and engine event to response record.
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "TestUtil.h"
 #include "ZELKEventAbstraction.h"
@@ -20,31 +22,18 @@ TEST(EventConversion, AllNullHostRecordGivesEmptyEvent) {
     in.passThrough1 = 11;
     in.passThrough2 = 22;
     in.passThrough3 = 33;
-    in.dirty = 1;
-    in.isexec = 1;
-    in.passThroughFlag = 1;
-    in.isSymlink = 1;
+    in.dirty = in.isexec = in.passThroughFlag = in.isSymlink = 1;
     in.eventType = 23;
 
     ac_event out;
     out.lockdownBlocked = 1;  // never taken from the host
     ZELKEngine::ConvertEvent(&in, out);
-    EXPECT_EQ(out.pid, 77u);
-    EXPECT_EQ(out.flags, 0x240u);
-    EXPECT_EQ(out.result, 3u);
-    EXPECT_EQ(out.size, 1234u);
-    EXPECT_EQ(out.mode, 0100755u);
-    EXPECT_EQ(out.passThrough1, 11u);
-    EXPECT_EQ(out.passThrough2, 22u);
-    EXPECT_EQ(out.passThrough3, 33u);
-    EXPECT_EQ(out.dirty, 1);
-    EXPECT_EQ(out.isexec, 1);
-    EXPECT_EQ(out.passThroughFlag, 1);
-    EXPECT_EQ(out.isSymlink, 1);
-    EXPECT_EQ(out.lockdownBlocked, 1);
-    EXPECT_EQ(out.eventType, 23u);
-    EXPECT_EQ(out.abstractEventType, 23u);
-    EXPECT_EQ(out.itemType, 1u);
+    using V = std::vector<uint64_t>;
+    EXPECT_EQ(
+        V({out.pid, out.flags, out.result, out.size, out.mode, out.passThrough1, out.passThrough2,
+           out.passThrough3, out.dirty, out.isexec, out.passThroughFlag, out.isSymlink,
+           out.lockdownBlocked, out.eventType, out.abstractEventType, out.itemType}),
+        V({77, 0x240, 3, 1234, 0100755, 11, 22, 33, 1, 1, 1, 1, 1, 23, 23, 1}));
     EXPECT_TRUE(out.name.empty());
     EXPECT_TRUE(out.processName.empty());
     EXPECT_TRUE(out.fileIssuer[5].empty());
@@ -131,15 +120,12 @@ TEST(EventConversion, ResponseSlotsRulesetAndCtime) {
     ZELKEngine::UpdateResponse(e, &r);
     uint32_t slots[7];
     memcpy(slots, &r, sizeof(slots));
-    const uint32_t expected[7] = {9, 3, 2, 4, 1, 0xabcd, 1};
-    for (int i = 0; i < 7; ++i) {
-        EXPECT_EQ(slots[i], expected[i]) << "slot " << i;
-    }
+    EXPECT_EQ(std::vector<uint32_t>(slots, slots + 7),
+              (std::vector<uint32_t>{9, 3, 2, 4, 1, 0xabcd, 1}));
     EXPECT_EQ(r.ctimeNs, 1000000005u);
-    const unsigned char* bytes = reinterpret_cast<const unsigned char*>(&r);
-    for (int i = 28; i < 112; ++i) {
-        EXPECT_EQ(bytes[i], 0) << "byte " << i << " must be cleared without a ruleset";
-    }
+    // Without a ruleset the ruleset slot and padding are cleared.
+    const char* bytes = reinterpret_cast<const char*>(&r);
+    EXPECT_EQ(std::string(bytes + 28, 84), std::string(84, '\0'));
 
     e.ruleset = std::string(79, 'r');
     ZELKEngine::UpdateResponse(e, &r);
