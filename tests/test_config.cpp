@@ -6,6 +6,7 @@
 
 #include <climits>
 #include <string>
+#include <utility>
 
 #include "DbTestUtil.h"
 #include "TestUtil.h"
@@ -25,6 +26,20 @@ std::string StartFresh() {
     return path;
 }
 
+void SetAgentVersion(const std::string& path, const std::string& version) {
+    Db(path).Exec("UPDATE AppControlState SET settingValue = '" + version +
+                  "' WHERE settingName = 'agentVersion';");
+}
+
+// The stored window as "start end", and the one in effect.
+std::string StoredWindow(const std::string& path) {
+    Db db(path);
+    return db.Setting("autoAuthorizeStartTime") + " " + db.Setting("autoAuthorizeEndTime");
+}
+std::pair<unsigned long, unsigned long> Window() {
+    return {config.GetAutoAuthorizeStartTime(), config.GetAutoAuthorizeEndTime()};
+}
+
 const std::string kUpgradeFromEmpty =
     "Upgrade detected old version  new version 12.0.178 waiting for manifest to be applied";
 
@@ -39,11 +54,9 @@ TEST(SetConfig, NeedsARunningEngine) {
 TEST(SetConfig, EveryBitIsAppliedOnEveryCall) {
     StartFresh();
     ASSERT_EQ(set_config(0x1F, 100, 200), ZELK_STATUS_SUCCESS);
-    EXPECT_TRUE(config.GetInventoryAutoAuthorize());
-    EXPECT_TRUE(config.GetInventoryExists());
-    EXPECT_TRUE(config.GetLockdown());
-    EXPECT_TRUE(config.GetRulesetExists());
-    EXPECT_TRUE(config.GetWhitelistInventory());
+    EXPECT_TRUE(config.GetInventoryAutoAuthorize() && config.GetInventoryExists() &&
+                config.GetLockdown() && config.GetRulesetExists() &&
+                config.GetWhitelistInventory());
     for (const char* text :
          {"Setting AUTO AUTHORIZE", "Setting INVENTORY EXISTS", "Setting LOCKDOWN",
           "Setting RULESET EXISTS", "Setting ALLOWLIST INVENTORY"}) {
@@ -79,61 +92,38 @@ TEST(SetConfig, LockdownOnFreshDatabaseWaitsForManifest) {
     ASSERT_EQ(set_config(0x01, 0, 0), ZELK_STATUS_SUCCESS);
     EXPECT_TRUE(config.GetLockdown());
     EXPECT_FALSE(config.GetManifestApplied()) << "an empty stored version counts as an upgrade";
-    EXPECT_FALSE(config.GetInventoryAutoAuthorize());
-    EXPECT_FALSE(config.GetInventoryExists());
-    EXPECT_FALSE(config.GetRulesetExists());
-    EXPECT_FALSE(config.GetWhitelistInventory());
+    EXPECT_FALSE(config.GetInventoryAutoAuthorize() || config.GetInventoryExists() ||
+                 config.GetRulesetExists() || config.GetWhitelistInventory());
     EXPECT_TRUE(LogCapture::Get().Contains(kUpgradeFromEmpty));
 }
 
 TEST(SetConfig, LockdownWithCurrentVersionKeepsManifest) {
     std::string path = StartFresh();
-    {
-        Db db(path);
-        db.Exec(
-            "UPDATE AppControlState SET settingValue = '12.0.178' WHERE settingName = "
-            "'agentVersion';");
-    }
+    SetAgentVersion(path, "12.0.178");
     ASSERT_EQ(set_config(0x01, 0, 0), ZELK_STATUS_SUCCESS);
     EXPECT_TRUE(config.GetManifestApplied());
     EXPECT_EQ(LogCapture::Get().CountContaining("Upgrade detected"), 0u);
 
     // A version that differs only in part is still another version.
-    {
-        Db db(path);
-        db.Exec(
-            "UPDATE AppControlState SET settingValue = '12.0.17' WHERE settingName = "
-            "'agentVersion';");
-    }
+    SetAgentVersion(path, "12.0.17");
     ASSERT_EQ(set_config(0x01, 0, 0), ZELK_STATUS_SUCCESS);
     EXPECT_FALSE(config.GetManifestApplied());
     EXPECT_TRUE(LogCapture::Get().Contains(
         "Upgrade detected old version 12.0.17 new version 12.0.178 waiting for manifest to be "
         "applied"));
     // Equal versions never set it back: that is the manifest import's job.
-    {
-        Db db(path);
-        db.Exec(
-            "UPDATE AppControlState SET settingValue = '12.0.178' WHERE settingName = "
-            "'agentVersion';");
-    }
+    SetAgentVersion(path, "12.0.178");
     ASSERT_EQ(set_config(0x01, 0, 0), ZELK_STATUS_SUCCESS);
     EXPECT_FALSE(config.GetManifestApplied());
-    Db db(path);
-    EXPECT_EQ(db.Setting("agentVersion"), "12.0.178") << "set_config never writes it";
+    EXPECT_EQ(Db(path).Setting("agentVersion"), "12.0.178") << "set_config never writes it";
 }
 
 TEST(SetConfig, MaintenanceWindowIsStoredAndClosedNow) {
     std::string path = StartFresh();
     ASSERT_EQ(set_config(0x08, 1000, 2000), ZELK_STATUS_SUCCESS);
     EXPECT_TRUE(config.GetInventoryAutoAuthorize());
-    EXPECT_EQ(config.GetAutoAuthorizeStartTime(), 1000u);
-    EXPECT_EQ(config.GetAutoAuthorizeEndTime(), 2000u);
-    {
-        Db db(path);
-        EXPECT_EQ(db.Setting("autoAuthorizeStartTime"), "1000");
-        EXPECT_EQ(db.Setting("autoAuthorizeEndTime"), "2000");
-    }
+    EXPECT_EQ(Window(), std::make_pair(1000ul, 2000ul));
+    EXPECT_EQ(StoredWindow(path), "1000 2000");
 
     uint64_t before = GetCurrentTimeInMillis();
     ASSERT_EQ(set_config(0, 7, 8), ZELK_STATUS_SUCCESS);
@@ -142,23 +132,18 @@ TEST(SetConfig, MaintenanceWindowIsStoredAndClosedNow) {
     EXPECT_EQ(config.GetAutoAuthorizeStartTime(), 1000u);
     EXPECT_GE(config.GetAutoAuthorizeEndTime(), before);
     EXPECT_LE(config.GetAutoAuthorizeEndTime(), after);
-    Db db(path);
-    EXPECT_EQ(db.Setting("autoAuthorizeStartTime"), "1000");
-    EXPECT_EQ(db.Setting("autoAuthorizeEndTime"), std::to_string(config.GetAutoAuthorizeEndTime()));
+    EXPECT_EQ(StoredWindow(path), "1000 " + std::to_string(config.GetAutoAuthorizeEndTime()));
 
     // Closed once: a further call changes neither time.
-    unsigned long end = config.GetAutoAuthorizeEndTime();
+    const auto closed = Window();
     ASSERT_EQ(set_config(0, 9, 10), ZELK_STATUS_SUCCESS);
-    EXPECT_EQ(config.GetAutoAuthorizeStartTime(), 1000u);
-    EXPECT_EQ(config.GetAutoAuthorizeEndTime(), end);
+    EXPECT_EQ(Window(), closed);
 }
 
 TEST(SetConfig, AllOnesWindowIsStoredAsMinusOne) {
     std::string path = StartFresh();
     ASSERT_EQ(set_config(0x08, 5, ULONG_MAX), ZELK_STATUS_SUCCESS);
-    Db db(path);
-    EXPECT_EQ(db.Setting("autoAuthorizeStartTime"), "5");
-    EXPECT_EQ(db.Setting("autoAuthorizeEndTime"), "-1");
+    EXPECT_EQ(StoredWindow(path), "5 -1");
 }
 
 // A real restart: one process opens a window and stops; this process, with
@@ -183,21 +168,16 @@ TEST(SetConfig, RestartRecoversTheStoredWindow) {
     ac_engine_start_s start = zelktest::StartRecord(path);
     ASSERT_EQ(engine_start(&start), ZELK_STATUS_SUCCESS);
     ASSERT_EQ(set_config(0, 5, 6), ZELK_STATUS_SUCCESS);
-    EXPECT_EQ(config.GetAutoAuthorizeStartTime(), 5000u);
-    EXPECT_EQ(config.GetAutoAuthorizeEndTime(), 6000u);
+    EXPECT_EQ(Window(), std::make_pair(5000ul, 6000ul));
     EXPECT_FALSE(config.GetInventoryAutoAuthorize());
-
-    // Recovered once; later calls keep it.
+    // Recovered once; later calls keep it, and recovery writes nothing.
     ASSERT_EQ(set_config(0, 7, 8), ZELK_STATUS_SUCCESS);
-    EXPECT_EQ(config.GetAutoAuthorizeStartTime(), 5000u);
-    EXPECT_EQ(config.GetAutoAuthorizeEndTime(), 6000u);
-    Db db(path);
-    EXPECT_EQ(db.Setting("autoAuthorizeEndTime"), "6000") << "recovery writes nothing";
+    EXPECT_EQ(Window(), std::make_pair(5000ul, 6000ul));
+    EXPECT_EQ(StoredWindow(path), "5000 6000");
 }
 
 TEST(SetConfig, RestartWithNoStoredWindowStaysUnset) {
     StartFresh();
     ASSERT_EQ(set_config(0, 5, 6), ZELK_STATUS_SUCCESS);
-    EXPECT_EQ(config.GetAutoAuthorizeStartTime(), ULONG_MAX) << "stored -1";
-    EXPECT_EQ(config.GetAutoAuthorizeEndTime(), ULONG_MAX);
+    EXPECT_EQ(Window(), std::make_pair(ULONG_MAX, ULONG_MAX)) << "stored -1";
 }
