@@ -8,6 +8,7 @@
 #include <climits>
 #include <ctime>
 #include <filesystem>
+#include <initializer_list>
 #include <random>
 #include <string>
 #include <vector>
@@ -24,25 +25,17 @@ using zelktest::LogCapture;
 
 namespace {
 
-const std::vector<std::string> kIndexes = {"AppControlState_settingName",
-                                           "InventoryItems_Md5",
-                                           "InventoryItems_Sha1",
-                                           "InventoryItems_Sha256",
-                                           "InventoryItems_fileName",
-                                           "InventoryItems_size",
-                                           "TrustRules_procGroup",
-                                           "TrustRules_procUser",
-                                           "TrustRules_processName",
-                                           "TrustRules_signerName",
-                                           "TrustRules_trustType",
-                                           "TrustRules_userList",
-                                           "UserList_id_user"};
-
+// clang-format off
+const std::vector<std::string> kIndexes = {
+    "AppControlState_settingName", "InventoryItems_Md5", "InventoryItems_Sha1",
+    "InventoryItems_Sha256", "InventoryItems_fileName", "InventoryItems_size",
+    "TrustRules_procGroup", "TrustRules_procUser", "TrustRules_processName",
+    "TrustRules_signerName", "TrustRules_trustType", "TrustRules_userList", "UserList_id_user"};
 const std::vector<std::string> kTrustRuleColumns = {
-    "trustRuleId", "processName", "paths",     "trustType", "signerName",
-    "productName", "companyName", "sha256",    "issuerCN",  "issuerC",
-    "issuerS",     "issuerL",     "issuerO",   "issuerOU",  "hitcount",
-    "ruleset",     "procUser",    "procGroup", "userList"};
+    "trustRuleId", "processName", "paths", "trustType", "signerName", "productName",
+    "companyName", "sha256", "issuerCN", "issuerC", "issuerS", "issuerL", "issuerO",
+    "issuerOU", "hitcount", "ruleset", "procUser", "procGroup", "userList"};
+// clang-format on
 
 uint32_t Start(const std::string& path) {
     ac_engine_start_s start = zelktest::StartRecord(path);
@@ -56,6 +49,19 @@ bool LoggedAt(unsigned level, const std::string& message) {
         }
     }
     return false;
+}
+
+void ExpectLogged(unsigned level, std::initializer_list<std::string> messages) {
+    for (const std::string& message : messages) {
+        EXPECT_TRUE(LoggedAt(level, message)) << message;
+    }
+}
+
+// Row counts of InventoryItems, TrustRules and UserList as "items/rules/users".
+std::string Counts(const std::string& path) {
+    return Db(path).Text(
+        "SELECT (SELECT count(*) FROM InventoryItems) || '/' || (SELECT count(*) FROM "
+        "TrustRules) || '/' || (SELECT count(*) FROM UserList);");
 }
 
 // Everything a version 15 file must hold, whatever version it came from.
@@ -222,9 +228,8 @@ TEST(DalLifecycle, StartStopAndRestart) {
     ASSERT_EQ(engine_stop(), ZELK_STATUS_SUCCESS);
     EXPECT_EQ(engine, nullptr);
     EXPECT_FALSE(ZELKDAL::GetDAL().IsOpen());
-    EXPECT_TRUE(LoggedAt(ZELK_LOG_ERROR, "Finalize m_pInsertItemStmt"));
-    EXPECT_TRUE(LoggedAt(ZELK_LOG_ERROR, "Finalize m_pSetAcStateStmt"));
-    EXPECT_TRUE(LoggedAt(ZELK_LOG_ERROR, "Finalize m_DB"));
+    ExpectLogged(ZELK_LOG_ERROR,
+                 {"Finalize m_pInsertItemStmt", "Finalize m_pSetAcStateStmt", "Finalize m_DB"});
     EXPECT_EQ(LogCapture::Get().CountContaining("ignore Finalize"), 0u);
     EXPECT_EQ(LogCapture::Get().CountContaining("Finalize m_p"), 21u);
 
@@ -361,28 +366,18 @@ TEST(DalPurge, PurgeBySource) {
 
     LogCapture::Get().Clear();
     EXPECT_EQ(purge_db(3), ZELK_STATUS_SUCCESS);
-    {
-        Db db(path);
-        EXPECT_EQ(db.Column("SELECT source FROM InventoryItems ORDER BY source;"),
-                  (std::vector<std::string>{"1", "2", "4", "5"}));
-        EXPECT_EQ(db.Int("SELECT count(*) FROM TrustRules;"), 1);
-        EXPECT_EQ(db.Int("SELECT count(*) FROM UserList;"), 1);
-    }
-    EXPECT_TRUE(LoggedAt(ZELK_LOG_TRACE, "PurgeDB lock"));
-    EXPECT_TRUE(LoggedAt(ZELK_LOG_TRACE, "executing DELETE FROM InventoryItems WHERE source = 3;"));
-    EXPECT_TRUE(LoggedAt(ZELK_LOG_TRACE, "Vacuuming"));
-    EXPECT_TRUE(LoggedAt(ZELK_LOG_TRACE, "Returning from PurgeDB with retval 1 unlock"));
+    EXPECT_EQ(Db(path).Column("SELECT source FROM InventoryItems ORDER BY source;"),
+              (std::vector<std::string>{"1", "2", "4", "5"}));
+    EXPECT_EQ(Counts(path), "4/1/1");
+    ExpectLogged(ZELK_LOG_TRACE,
+                 {"PurgeDB lock", "executing DELETE FROM InventoryItems WHERE source = 3;",
+                  "Vacuuming", "Returning from PurgeDB with retval 1 unlock"});
 
     EXPECT_TRUE(ZELKDAL::GetDAL().HasTrustRules());
     EXPECT_EQ(purge_db(6), ZELK_STATUS_SUCCESS);
     EXPECT_FALSE(ZELKDAL::GetDAL().HasTrustRules());
-    {
-        Db db(path);
-        EXPECT_EQ(db.Int("SELECT count(*) FROM TrustRules;"), 0);
-        EXPECT_EQ(db.Int("SELECT count(*) FROM UserList;"), 0);
-        EXPECT_EQ(db.Int("SELECT count(*) FROM InventoryItems;"), 4);
-        EXPECT_EQ(db.Setting("agentVersion"), "1.0");
-    }
+    EXPECT_EQ(Counts(path), "4/0/0");
+    EXPECT_EQ(Db(path).Setting("agentVersion"), "1.0");
 
     // A source nobody uses deletes nothing and still succeeds.
     EXPECT_EQ(purge_db(9), ZELK_STATUS_SUCCESS);
@@ -392,16 +387,12 @@ TEST(DalPurge, PurgeBySource) {
     EXPECT_EQ(purge_db(0), ZELK_STATUS_SUCCESS);
     EXPECT_TRUE(LoggedAt(ZELK_LOG_TRACE, "Re-initializing database after successful deletion."));
     EXPECT_EQ(LogCapture::Get().CountContaining("executing"), 0u);
-    {
-        Db db(path);
-        ExpectVersion15Schema(db);
-        EXPECT_EQ(db.Int("SELECT count(*) FROM InventoryItems;"), 0);
-        EXPECT_EQ(db.Int("SELECT count(*) FROM TrustRules;"), 0);
-        EXPECT_EQ(db.Setting("agentVersion"), "") << "settings are back to their defaults";
-    }
+    Db db(path);
+    ExpectVersion15Schema(db);
+    EXPECT_EQ(Counts(path), "0/0/0");
+    EXPECT_EQ(db.Setting("agentVersion"), "") << "settings are back to their defaults";
     // The store works on the new file.
     EXPECT_TRUE(ZELKDAL::GetDAL().SetAppControlState("agentVersion", std::string("2.0")));
-    Db db(path);
     EXPECT_EQ(db.Setting("agentVersion"), "2.0");
 }
 
@@ -410,9 +401,8 @@ TEST(DalPurge, DeleteAndPurgeOnClosedStore) {
     ASSERT_EQ(Start(path), ZELK_STATUS_SUCCESS);
     LogCapture::Get().Clear();
     EXPECT_EQ(delete_db(), ZELK_STATUS_SUCCESS);
-    EXPECT_TRUE(LoggedAt(ZELK_LOG_TRACE, "DeleteDB lock"));
-    EXPECT_TRUE(LoggedAt(ZELK_LOG_TRACE, "Successfully deleted database file"));
-    EXPECT_TRUE(LoggedAt(ZELK_LOG_TRACE, "DeleteDB unlock"));
+    ExpectLogged(ZELK_LOG_TRACE,
+                 {"DeleteDB lock", "Successfully deleted database file", "DeleteDB unlock"});
     EXPECT_FALSE(fs::exists(path));
     EXPECT_FALSE(ZELKDAL::GetDAL().IsOpen()) << "deleting does not reopen";
 
@@ -440,12 +430,11 @@ TEST(DalSettings, TextAndNumericForms) {
     ASSERT_TRUE(dal.GetAppControlState("agentVersion", number));
     EXPECT_EQ(number, 0u) << "empty text";
 
-    EXPECT_TRUE(dal.SetAppControlState("autoAuthorizeEndTime", ULONG_MAX));
-    EXPECT_EQ(db.Setting("autoAuthorizeEndTime"), "-1");
-    EXPECT_TRUE(dal.SetAppControlState("autoAuthorizeEndTime", 0UL));
-    EXPECT_EQ(db.Setting("autoAuthorizeEndTime"), "0");
-    EXPECT_TRUE(dal.SetAppControlState("autoAuthorizeStartTime", 1700000000123UL));
-    EXPECT_EQ(db.Setting("autoAuthorizeStartTime"), "1700000000123");
+    for (auto [value, stored] :
+         {std::pair{ULONG_MAX, "-1"}, {0UL, "0"}, {1700000000123UL, "1700000000123"}}) {
+        EXPECT_TRUE(dal.SetAppControlState("autoAuthorizeStartTime", value));
+        EXPECT_EQ(db.Setting("autoAuthorizeStartTime"), stored);
+    }
     ASSERT_TRUE(dal.GetAppControlState("autoAuthorizeStartTime", number));
     EXPECT_EQ(number, 1700000000123UL);
 
