@@ -140,6 +140,23 @@ class ZELKDAL {
 
     // ---- Item and rule stores (ZELKDataAccessLayerStore.cpp) --------------
 
+    // One InventoryItems row as the store writes it: the event fields the
+    // insert uses and nothing else, so a queue of thousands stays cheap.  A
+    // digest whose has... flag is false is written as NULL; authorizedState
+    // maps to isAuthorized when the row is written.
+    struct ItemRow {
+        unsigned char md5[16] = {};
+        unsigned char sha1[20] = {};
+        unsigned char sha256[32] = {};
+        bool hasMd5 = false, hasSha1 = false, hasSha256 = false;
+        uint32_t source = 0;
+        uint32_t authorizedState = 0;
+        uint64_t size = 0;
+        std::string fileName, path, nativePath, ruleset;
+    };
+    // The row an event is stored as.
+    static ItemRow RowFromEvent(const ac_event& event);
+
     // Store one item now, or queue it (flushed past 1000 queued events, by
     // the Flush calls and at shutdown).  False when an exclude trust rule
     // covers the item's path or the write failed.
@@ -147,6 +164,10 @@ class ZELKDAL {
     bool StoreItemBuffer(ac_db_item_s* item);
     bool StoreItem(ac_event& event);
     bool StoreItemBuffer(ac_event& event);
+    // The same for a row built without an event (the ruleset import).  The
+    // exclusion test sees an event with the row's fields; the row is moved
+    // into the queue.
+    bool StoreItemBuffer(ItemRow&& row);
     // Write the queue in one transaction; false when the queue was empty or
     // the batch failed (then rolled back: never half a batch).
     bool StoreItemFlush();
@@ -277,6 +298,9 @@ class ZELKDAL {
     // rolled back and dropped.
     bool StoreItemInternal(ac_event& event);
     bool StoreItemFlushInternal();
+    // Binds and steps the borrowed m_pInsertItemStmt for one row, then resets
+    // it and clears its bindings; a flush borrows the statement once.
+    bool InsertItemRow(StmtScope& stmt, const ItemRow& row);
     bool StoreTrustRuleInternal(const ac_trust_rule& rule);
     bool StoreUserListInternal(const ac_user_list& entry);
     // Defined and used only in ZELKDataAccessLayerStore.cpp.
@@ -319,7 +343,7 @@ class ZELKDAL {
     StmtHolder m_pSetAcStateStmt;
 
     // Pending writes and the prelink slot.  Guarded by m_DataMutex.
-    std::deque<ac_event> m_PendingItems;
+    std::deque<ItemRow> m_PendingItems;
     std::deque<ac_trust_rule> m_PendingTrustRules;
     std::deque<ac_user_list> m_PendingUserLists;
     SHA256Hash m_PreviousPrelinkHash;

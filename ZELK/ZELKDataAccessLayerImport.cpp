@@ -22,6 +22,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "ZELK.h"
 #include "ZELKDataAccessLayer.h"
@@ -44,8 +45,9 @@ using UniqueJson = std::unique_ptr<cJSON, JsonDeleter>;
 
 enum class Field { kAbsent, kOk, kBad };
 
-// A text member: missing or JSON null leave it empty; any other type is bad.
-Field ReadText(const cJSON* object, const char* key, std::string& out) {
+// A text member, left in the document: missing or JSON null give kAbsent
+// and leave `out` alone; any other type is bad.
+Field ReadText(const cJSON* object, const char* key, const char*& out) {
     const cJSON* item = cJSON_GetObjectItemCaseSensitive(object, key);
     if (item == nullptr || cJSON_IsNull(item)) {
         return Field::kAbsent;
@@ -55,6 +57,16 @@ Field ReadText(const cJSON* object, const char* key, std::string& out) {
     }
     out = item->valuestring;
     return Field::kOk;
+}
+
+// The same, copied: missing or JSON null leave `out` empty.
+Field ReadText(const cJSON* object, const char* key, std::string& out) {
+    const char* text = nullptr;
+    Field field = ReadText(object, key, text);
+    if (field == Field::kOk) {
+        out = text;
+    }
+    return field;
 }
 
 // A count (size, trust type): a JSON number or a text of decimal digits,
@@ -109,16 +121,17 @@ int HexDigit(char c) {
 
 // A digest member: exactly two hex digits (either case) per byte.  An empty
 // text counts as missing, as hosts send "" for digests they do not know.
-Field ReadDigest(const cJSON* object, const char* key, unsigned length, std::string& text,
+// `text` is left pointing at the digits as the author wrote them.
+Field ReadDigest(const cJSON* object, const char* key, unsigned length, const char*& text,
                  unsigned char* bytes) {
     Field field = ReadText(object, key, text);
     if (field != Field::kOk) {
         return field;
     }
-    if (text.empty()) {
+    if (*text == '\0') {
         return Field::kAbsent;
     }
-    if (text.size() != 2 * static_cast<size_t>(length)) {
+    if (strlen(text) != 2 * static_cast<size_t>(length)) {
         return Field::kBad;
     }
     for (unsigned i = 0; i < length; ++i) {
@@ -175,61 +188,54 @@ const cJSON* GetArray(const cJSON* root, const char* key, const std::string& nam
     return array;
 }
 
-// Fills `event` from one element of "rules"; false with `problem` set when
-// the element has the wrong shape.
-bool BuildHashRule(const cJSON* element, ac_event& event, std::string& problem) {
+// Fills `row` from one element of "rules"; false with `problem` set when
+// the element has the wrong shape.  The digests are decoded straight into
+// the row: a large ruleset builds no event and no digest objects per rule.
+bool BuildHashRule(const cJSON* element, ZELKDAL::ItemRow& row, std::string& problem) {
     if (!cJSON_IsObject(element)) {
         problem = "not an object";
         return false;
     }
-    if (ReadText(element, "fileName", event.fileName) == Field::kBad) {
+    if (ReadText(element, "fileName", row.fileName) == Field::kBad) {
         problem = "\"fileName\" is not a string";
         return false;
     }
     struct DigestKey {
         const char* key;
         unsigned length;
+        unsigned char* bytes;
+        bool* has;
     };
-    static const DigestKey kDigests[] = {
-        {"sha256", Hash::SHA256}, {"sha1", Hash::SHA1}, {"md5", Hash::MD5}};
-    for (const DigestKey& digest : kDigests) {
-        std::string text;
-        unsigned char bytes[Hash::SHA256];
-        Field field = ReadDigest(element, digest.key, digest.length, text, bytes);
+    const DigestKey digests[] = {{"sha256", Hash::SHA256, row.sha256, &row.hasSha256},
+                                 {"sha1", Hash::SHA1, row.sha1, &row.hasSha1},
+                                 {"md5", Hash::MD5, row.md5, &row.hasMd5}};
+    for (const DigestKey& digest : digests) {
+        const char* text = nullptr;
+        Field field = ReadDigest(element, digest.key, digest.length, text, digest.bytes);
         if (field == Field::kBad) {
             problem = Quoted(digest.key) + " is not " + std::to_string(2 * digest.length) +
                       " hexadecimal characters";
             return false;
         }
-        if (field != Field::kOk) {
-            continue;
-        }
-        const char* raw = reinterpret_cast<const char*>(bytes);
-        if (digest.length == Hash::SHA256) {
-            event.fileSha256.SetHash(text);  // keeps the text as the author wrote it
-        } else if (digest.length == Hash::SHA1) {
-            event.fileSha1 = SHA1Hash(raw);
-        } else {
-            event.fileMd5 = MD5Hash(raw);
-        }
+        *digest.has = field == Field::kOk;
     }
     int64_t size = 0;
     if (ReadCount(element, "size", size) == Field::kBad) {
         problem = "\"size\" is not a non-negative integer";
         return false;
     }
-    event.size = static_cast<uint64_t>(size);
-    std::string action;
+    row.size = static_cast<uint64_t>(size);
+    const char* action = "";
     if (ReadText(element, "action", action) == Field::kBad) {
         problem = "\"action\" is not a string";
         return false;
     }
     // Five characters decide, so "allowed" allows.  Anything else stays 0,
     // which the store writes as allowed with a warning.
-    if (action.compare(0, 5, "block") == 0) {
-        event.authorizedState = AC_AUTH_BLOCKED;
-    } else if (action.compare(0, 5, "allow") == 0) {
-        event.authorizedState = 3;
+    if (strncmp(action, "block", 5) == 0) {
+        row.authorizedState = AC_AUTH_BLOCKED;
+    } else if (strncmp(action, "allow", 5) == 0) {
+        row.authorizedState = 3;
     }
     return true;
 }
@@ -245,18 +251,18 @@ void ImportHashRules(ZELKDAL& dal, const cJSON* root, const std::string& name, D
     SkipReport report(name);
     int index = 0;
     const cJSON* element = nullptr;
+    std::string problem;
     cJSON_ArrayForEach(element, rules) {
-        ac_event event;
-        std::string problem;
-        if (!BuildHashRule(element, event, problem)) {
+        ZELKDAL::ItemRow row;
+        if (!BuildHashRule(element, row, problem)) {
             report.Skip("rules", index++, problem);
             continue;
         }
         ++index;
         stats.IncType(kRulesetStats, name);
-        event.source = source;
-        event.ruleset = name;
-        dal.StoreItemBuffer(event);
+        row.source = source;
+        row.ruleset = name;
+        dal.StoreItemBuffer(std::move(row));
     }
     dal.StoreItemFlush();
 }
@@ -293,7 +299,7 @@ bool BuildTrustRule(const cJSON* element, ac_trust_rule& rule, std::string& prob
         problem = "\"trustType\" is not a non-negative integer";
         return false;
     }
-    std::string text;
+    const char* text = nullptr;
     unsigned char bytes[Hash::SHA256];
     Field field = ReadDigest(element, "sha256", Hash::SHA256, text, bytes);
     if (field == Field::kBad) {
@@ -301,7 +307,7 @@ bool BuildTrustRule(const cJSON* element, ac_trust_rule& rule, std::string& prob
         return false;
     }
     if (field == Field::kOk) {
-        rule.sha256.SetHash(text);
+        rule.sha256.SetHash(std::string(text));
     }
     return true;
 }

@@ -8,7 +8,9 @@
 #define ZELK_LOG_FILE "ZELK/ZELKDataAccessLayer"
 #include <cassert>
 #include <cstdint>
+#include <cstring>
 #include <string>
+#include <utility>
 
 #include "ZELKDataAccessLayer.h"
 #include "ZELKFile.h"
@@ -68,8 +70,12 @@ bool ZELKDAL::FlushQueueInternal(std::deque<Record>& queue, const char* name, St
 }
 
 bool ZELKDAL::StoreItemFlushInternal() {
-    return FlushQueueInternal(m_PendingItems, "StoreItemFlushInternal",
-                              [this](ac_event& event) { return StoreItemInternal(event); });
+    // One borrow of the statement for the whole batch; InsertItemRow resets
+    // it after every row.
+    StmtScope stmt(m_pInsertItemStmt);
+    return FlushQueueInternal(
+        m_PendingItems, "StoreItemFlushInternal",
+        [this, &stmt](const ItemRow& row) { return InsertItemRow(stmt, row); });
 }
 
 // ---- Inventory items ------------------------------------------------------------
@@ -92,7 +98,76 @@ ac_event EventFromItem(const ac_db_item_s* item) {
     return event;
 }
 
+// The event the exclusion test sees for a row queued without one.
+ac_event EventFromRow(const ZELKDAL::ItemRow& row) {
+    ac_event event;
+    if (row.hasMd5) {
+        event.fileMd5 = MD5Hash(reinterpret_cast<const char*>(row.md5));
+    }
+    if (row.hasSha1) {
+        event.fileSha1 = SHA1Hash(reinterpret_cast<const char*>(row.sha1));
+    }
+    if (row.hasSha256) {
+        event.fileSha256 = SHA256Hash(reinterpret_cast<const char*>(row.sha256));
+    }
+    event.source = row.source;
+    event.fileName = row.fileName;
+    event.path = row.path;
+    event.name = row.nativePath;
+    event.nativePath = row.nativePath;
+    event.size = row.size;
+    event.authorizedState = row.authorizedState;
+    event.ruleset = row.ruleset;
+    return event;
+}
+
+// Copies a digest's bytes; false (nothing copied) when it has none.
+template <size_t N>
+bool CopyDigest(const Hash& hash, unsigned char (&out)[N]) {
+    if (!hash.HasBytes()) {
+        return false;
+    }
+    assert(hash.Length() == N);
+    memcpy(out, hash.Bytes(), N);
+    return true;
+}
+
+// Parameter numbers of InsertItemSQL.  Every m_pInsertItemStmt is prepared
+// from that one text, so the numbers never change and are looked up once
+// instead of by name for each of the eleven binds of every row.  A name the
+// text lacked would give 0, which the bind refuses with SQLITE_RANGE.
+struct InsertItemParams {
+    int md5, sha1, sha256, source, fileName, path, nativePath, size, recordTime, isAuthorized,
+        ruleset;
+};
+
+const InsertItemParams& InsertItemParamsOf(sqlite3_stmt* stmt) {
+    static const InsertItemParams params = [stmt] {
+        auto index = [stmt](const char* name) { return sqlite3_bind_parameter_index(stmt, name); };
+        return InsertItemParams{index(":md5"),          index(":sha1"),     index(":sha256"),
+                                index(":source"),       index(":fileName"), index(":path"),
+                                index(":nativePath"),   index(":size"),     index(":recordTime"),
+                                index(":isAuthorized"), index(":ruleset")};
+    }();
+    return params;
+}
+
 }  // namespace
+
+ZELKDAL::ItemRow ZELKDAL::RowFromEvent(const ac_event& event) {
+    ItemRow row;
+    row.hasMd5 = CopyDigest(event.fileMd5, row.md5);
+    row.hasSha1 = CopyDigest(event.fileSha1, row.sha1);
+    row.hasSha256 = CopyDigest(event.fileSha256, row.sha256);
+    row.source = event.source;
+    row.authorizedState = event.authorizedState;
+    row.size = event.size;
+    row.fileName = event.fileName;
+    row.path = event.path;
+    row.nativePath = event.nativePath;
+    row.ruleset = event.ruleset;
+    return row;
+}
 
 bool ZELKDAL::StoreItem(ac_db_item_s* item) {
     assert(item != nullptr);
@@ -123,8 +198,28 @@ bool ZELKDAL::StoreItemBuffer(ac_event& event) {
         ZELKStats::GetStats().Inc("InventoryItemExcludedByTrustRule");
         return false;
     }
+    ItemRow row = RowFromEvent(event);
     DataLock lock(*this, "StoreItemBuffer");
-    m_PendingItems.push_back(event);
+    m_PendingItems.push_back(std::move(row));
+    if (m_PendingItems.size() > kMaxPendingItems) {
+        return StoreItemFlushInternal();
+    }
+    return true;
+}
+
+bool ZELKDAL::StoreItemBuffer(ItemRow&& row) {
+    // Without trust rules the test answers false at once: build the event
+    // only when a rule could look at it.
+    if (HasTrustRules()) {
+        ac_event event = EventFromRow(row);
+        if (IsFoundInTrustRules(DAL_TRUST_EXCLUDE, event)) {
+            ZTRACE("StoreItemBuffer exclude path: %s", event.name.c_str());
+            ZELKStats::GetStats().Inc("InventoryItemExcludedByTrustRule");
+            return false;
+        }
+    }
+    DataLock lock(*this, "StoreItemBuffer");
+    m_PendingItems.push_back(std::move(row));
     if (m_PendingItems.size() > kMaxPendingItems) {
         return StoreItemFlushInternal();
     }
@@ -138,17 +233,19 @@ bool ZELKDAL::StoreItemFlush() {
 
 bool ZELKDAL::StoreItemInternal(ac_event& event) {
     StmtScope stmt(m_pInsertItemStmt);
+    return InsertItemRow(stmt, RowFromEvent(event));
+}
+
+bool ZELKDAL::InsertItemRow(StmtScope& stmt, const ItemRow& row) {
     if (!stmt) {
         ZERROR("m_pInsertItemStmt is released");
         return false;
     }
-    auto bindHash = [&stmt](const char* name, const Hash& hash) {
-        return hash.HasBytes() ? stmt.BindBlob(name, hash.Bytes(), static_cast<int>(hash.Length()))
-                               : stmt.BindNull(name);
-    };
+    sqlite3_stmt* insert = stmt.get();
+    const InsertItemParams& p = InsertItemParamsOf(insert);
 
     int64_t isAuthorized;
-    switch (event.authorizedState) {
+    switch (row.authorizedState) {
         case 2:
             isAuthorized = 0;
             break;
@@ -159,44 +256,63 @@ bool ZELKDAL::StoreItemInternal(ac_event& event) {
             break;
         default:
             ZWARNING("Unhandled authorizedState %d, default to on the allow list(3)",
-                     static_cast<int>(event.authorizedState));
+                     static_cast<int>(row.authorizedState));
             isAuthorized = 3;
             break;
     }
 
+    // The row outlives the step and the bindings are cleared before this
+    // returns, so SQLite may use the row's bytes without copying them.
+    auto bindDigest = [insert](int index, bool has, const unsigned char* bytes, int length) {
+        return has ? sqlite3_bind_blob(insert, index, bytes, length, SQLITE_STATIC)
+                   : sqlite3_bind_null(insert, index);
+    };
+    auto bindText = [insert](int index, const std::string& value) {
+        return sqlite3_bind_text(insert, index, value.c_str(), static_cast<int>(value.size()),
+                                 SQLITE_STATIC);
+    };
     struct Bind {
         int rc;
         const char* failure;
     };
     const Bind binds[] = {
-        {bindHash(":md5", event.fileMd5), "Unable to bind md5, aborting db insert"},
-        {bindHash(":sha1", event.fileSha1), "Unable to bind sha1, aborting db insert"},
-        {bindHash(":sha256", event.fileSha256), "Unable to bind sha256, aborting db insert"},
-        {stmt.BindInt64(":source", event.source), "Unable to bind source, aborting db insert"},
-        {stmt.BindText(":fileName", event.fileName), "Unable to bind filename, aborting db insert"},
-        {stmt.BindText(":path", event.path), "Unable to bind path, aborting db insert"},
-        {stmt.BindText(":nativePath", event.nativePath),
-         "Unable to bind nativepath, aborting db insert"},
-        {stmt.BindInt64(":size", static_cast<int64_t>(event.size)),
+        {bindDigest(p.md5, row.hasMd5, row.md5, sizeof(row.md5)),
+         "Unable to bind md5, aborting db insert"},
+        {bindDigest(p.sha1, row.hasSha1, row.sha1, sizeof(row.sha1)),
+         "Unable to bind sha1, aborting db insert"},
+        {bindDigest(p.sha256, row.hasSha256, row.sha256, sizeof(row.sha256)),
+         "Unable to bind sha256, aborting db insert"},
+        {sqlite3_bind_int64(insert, p.source, row.source),
+         "Unable to bind source, aborting db insert"},
+        {bindText(p.fileName, row.fileName), "Unable to bind filename, aborting db insert"},
+        {bindText(p.path, row.path), "Unable to bind path, aborting db insert"},
+        {bindText(p.nativePath, row.nativePath), "Unable to bind nativepath, aborting db insert"},
+        {sqlite3_bind_int64(insert, p.size, static_cast<int64_t>(row.size)),
          "Unable to bind size, aborting db insert"},
-        {stmt.BindInt64(":recordTime", static_cast<int64_t>(GetCurrentTimeInMillis())),
+        {sqlite3_bind_int64(insert, p.recordTime, static_cast<int64_t>(GetCurrentTimeInMillis())),
          "Unable to bind recordtime, aborting db insert"},
-        {stmt.BindInt64(":isAuthorized", isAuthorized),
+        {sqlite3_bind_int64(insert, p.isAuthorized, isAuthorized),
          "Unable to bind isauthorized, aborting db insert"},
-        {stmt.BindText(":ruleset", event.ruleset), "Unable to bind ruleset, aborting db insert"},
+        {bindText(p.ruleset, row.ruleset), "Unable to bind ruleset, aborting db insert"},
     };
+    bool ok = true;
     for (const Bind& bind : binds) {
         if (bind.rc != SQLITE_OK) {
             ZWARNING("%s", bind.failure);
-            return false;
+            ok = false;
+            break;
         }
     }
-    int rc = sqlite3_step(stmt.get());
-    if (rc != SQLITE_DONE) {
-        ZWARNING("Unable to execute sqlite insert statement. Error code: %d", rc);
-        return false;
+    if (ok) {
+        int rc = sqlite3_step(insert);
+        if (rc != SQLITE_DONE) {
+            ZWARNING("Unable to execute sqlite insert statement. Error code: %d", rc);
+            ok = false;
+        }
     }
-    return true;
+    sqlite3_reset(insert);
+    sqlite3_clear_bindings(insert);
+    return ok;
 }
 
 bool ZELKDAL::DeleteInventoryItems(ac_event& event) {
