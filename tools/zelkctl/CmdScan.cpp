@@ -3,11 +3,16 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <climits>
+#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Commands.h"
@@ -75,6 +80,106 @@ void Walk(const std::string& dir, dev_t rootDev, bool cross, WalkResult& result)
     }
 }
 
+// Digests the walked files on a few threads while the caller stores them.
+// The digests are the scan's cost; the store is not thread-safe for one
+// batch and must see the rows in walk order, so the caller takes results
+// strictly in order with Wait and writes them itself.  Each file is read
+// once, by one thread.
+class DigestPool {
+  public:
+    struct Result {
+        hostkit::FileDigests digests;
+        int error = 0;
+        bool ok = false;
+    };
+
+    // `threads` 0 digests on the caller's thread inside Wait.  `addBytes`
+    // is called from the digesting threads, under the pool's progress lock.
+    DigestPool(const std::vector<Candidate>& files, unsigned threads,
+               std::function<void(uint64_t)> addBytes)
+        : m_Files(files),
+          m_Results(files.size()),
+          m_Done(files.size(), 0),
+          m_AddBytes(std::move(addBytes)) {
+        for (unsigned i = 0; i < threads && i < files.size(); ++i) {
+            m_Threads.emplace_back([this] { Run(); });
+        }
+    }
+    ~DigestPool() {
+        m_Stop.store(true);
+        for (std::thread& thread : m_Threads) {
+            thread.join();
+        }
+    }
+    DigestPool(const DigestPool&) = delete;
+    DigestPool& operator=(const DigestPool&) = delete;
+
+    // The result of file `index`, once it is digested.
+    const Result& Wait(size_t index) {
+        if (m_Threads.empty()) {
+            Digest(index);
+        } else {
+            std::unique_lock<std::mutex> lock(m_Mutex);
+            m_Ready.wait(lock, [&] { return m_Done[index] != 0; });
+        }
+        return m_Results[index];
+    }
+
+    // Serialises progress output between the threads and the caller.
+    std::mutex& ProgressMutex() { return m_ProgressMutex; }
+
+  private:
+    void Run() {
+        for (;;) {
+            size_t index = m_Next.fetch_add(1);
+            if (index >= m_Files.size() || m_Stop.load()) {
+                return;
+            }
+            Digest(index);
+            {
+                std::lock_guard<std::mutex> lock(m_Mutex);
+                m_Done[index] = 1;
+            }
+            m_Ready.notify_all();
+        }
+    }
+
+    void Digest(size_t index) {
+        const Candidate& file = m_Files[index];
+        Result& result = m_Results[index];
+        result.ok = hostkit::DigestFile(file.dir + file.name, result.digests, result.error,
+                                        [this](uint64_t n) {
+                                            if (m_AddBytes) {
+                                                std::lock_guard<std::mutex> lock(m_ProgressMutex);
+                                                m_AddBytes(n);
+                                            }
+                                        });
+    }
+
+    const std::vector<Candidate>& m_Files;
+    // Slot i is written only by the thread that took index i, and read by
+    // the caller after m_Done[i] is set under m_Mutex.
+    std::vector<Result> m_Results;
+    std::vector<char> m_Done;  // guarded by m_Mutex
+    std::function<void(uint64_t)> m_AddBytes;
+    std::atomic<size_t> m_Next{0};
+    std::atomic<bool> m_Stop{false};
+    std::mutex m_Mutex;
+    std::condition_variable m_Ready;
+    std::mutex m_ProgressMutex;
+    std::vector<std::thread> m_Threads;
+};
+
+unsigned DigestThreads(unsigned requested) {
+    if (requested > 0) {
+        return requested;
+    }
+    // Two threads keep the scan well ahead of the one-digest-at-a-time tools
+    // without taking every core of a host that is doing other work.
+    unsigned cores = std::thread::hardware_concurrency();
+    return cores == 0 ? 1 : std::min(cores, 2u);
+}
+
 }  // namespace
 
 int ScanFolders(const ScanOptions& options) {
@@ -93,22 +198,26 @@ int ScanFolders(const ScanOptions& options) {
     Progress progress(stderr, walk.files.size(), walk.bytes);
     unsigned stored = 0, refused = 0;
     uint64_t hashedBytes = 0;
-    for (const Candidate& file : walk.files) {
+    // One thread digests on the caller's thread: no pool threads then.
+    const unsigned threads = DigestThreads(options.jobs);
+    std::function<void(uint64_t)> addBytes;
+    if (!options.noProgress) {
+        addBytes = [&progress](uint64_t n) { progress.AddBytes(n); };
+    }
+    DigestPool pool(walk.files, threads > 1 ? threads : 0, addBytes);
+    for (size_t index = 0; index < walk.files.size(); ++index) {
+        const Candidate& file = walk.files[index];
         const std::string full = file.dir + file.name;
-        hostkit::FileDigests digests;
-        int err = 0;
-        bool ok = hostkit::DigestFile(full, digests, err, [&](uint64_t n) {
-            if (!options.noProgress) {
-                progress.AddBytes(n);
-            }
-        });
+        const DigestPool::Result& result = pool.Wait(index);
         if (!options.noProgress) {
+            std::lock_guard<std::mutex> lock(pool.ProgressMutex());
             progress.FileDone();
         }
-        if (!ok) {
-            walk.unreadable.emplace_back(full, strerror(err));
+        if (!result.ok) {
+            walk.unreadable.emplace_back(full, strerror(result.error));
             continue;
         }
+        const hostkit::FileDigests& digests = result.digests;
         hashedBytes += digests.size;
 
         ac_db_item_s item;
@@ -136,6 +245,7 @@ int ScanFolders(const ScanOptions& options) {
         }
     }
     if (!options.noProgress) {
+        std::lock_guard<std::mutex> lock(pool.ProgressMutex());
         progress.Finish();
     }
     if (stored > 0) {

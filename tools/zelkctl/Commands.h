@@ -16,6 +16,7 @@ struct ScanOptions {
     bool crossFilesystems = false;
     std::string ruleset;  // stored with each item; empty by default
     bool noProgress = false;
+    unsigned jobs = 0;  // digest threads; 0: up to two, as the machine allows
 };
 int RunScan(const LogOptions& log, const ScanOptions& options);
 // The scan itself, on an engine already started.

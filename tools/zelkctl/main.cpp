@@ -45,6 +45,8 @@ int main(int argc, char** argv) {
                       "Descend into folders on other file systems");
     scanCmd->add_option("--ruleset", scan.ruleset, "Ruleset name stored with each item");
     scanCmd->add_flag("--no-progress", scan.noProgress, "No progress output");
+    scanCmd->add_option("-j,--jobs", scan.jobs, "Threads computing digests (default: up to 2)")
+        ->check(CLI::Range(0u, 64u));
 
     CheckOptions check;
     CLI::App* checkCmd =
