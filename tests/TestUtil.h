@@ -97,11 +97,15 @@ class LogCapture {
     std::vector<LogRecord> m_Records;
 };
 
-// A start record that logs every level to LogCapture.
+// A start record that logs every level to LogCapture.  The record points at
+// a copy of `dbPath` that lives until the next call, so a temporary path is
+// safe to pass.
 inline ac_engine_start_s StartRecord(const std::string& dbPath, unsigned mask = 15) {
+    static std::string path;
+    path = dbPath;
     ac_engine_start_s start;
     memset(&start, 0, sizeof(start));
-    start.dbPath = dbPath.c_str();
+    start.dbPath = path.c_str();
     start.logMask = mask;
     start.logCallback = &LogCapture::Callback;
     return start;

@@ -34,7 +34,8 @@ std::string RulesetOf(int rules, int salt) {
     return json + "]}";
 }
 
-ac_db_item_s Item(int batch, int i, const std::string& name, const std::string& ruleset) {
+// The item points at `name` and `ruleset`: both must outlive its use.
+ac_db_item_s Item(int batch, int i, const std::string& name, const char* ruleset) {
     ac_db_item_s item;
     memset(&item, 0, sizeof(item));
     memcpy(item.sha256, &batch, sizeof(batch));
@@ -43,7 +44,7 @@ ac_db_item_s Item(int batch, int i, const std::string& name, const std::string& 
     item.fileName = name.c_str();
     item.path = "/opt/drift/";
     item.nativePath = "/opt/drift/";
-    item.ruleset = ruleset.c_str();
+    item.ruleset = ruleset;
     item.size = 10;
     item.authorized = 1;
     return item;
@@ -68,7 +69,7 @@ ac_db_item_s Item(int batch, int i, const std::string& name, const std::string& 
             const std::string batch = "batch-" + std::to_string(seed) + "-" + std::to_string(step);
             for (int i = 0; i < kBatch; ++i) {
                 const std::string name = "f" + std::to_string(i);
-                ac_db_item_s item = Item(seed * 1000 + step, i, name, batch);
+                ac_db_item_s item = Item(seed * 1000 + step, i, name, batch.c_str());
                 store_item(&item, true);
             }
             flush_db_buffer();
@@ -181,7 +182,8 @@ TEST(Crash, DiskFullFailsCleanlyAndTheNextWriteSucceeds) {
     EXPECT_EQ(imported, ZELK_STATUS_SUCCESS) << "single records that fail do not stop an import";
 
     // Space is back: the store works, and holds exactly what was reported.
-    ac_db_item_s item = Item(4, 0, "after", "");
+    const std::string after = "after";
+    ac_db_item_s item = Item(4, 0, after, "");
     EXPECT_EQ(store_item(&item, false), ZELK_STATUS_SUCCESS);
     ++stored;
     ASSERT_EQ(engine_stop(), ZELK_STATUS_SUCCESS);
