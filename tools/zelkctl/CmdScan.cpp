@@ -12,6 +12,7 @@
 #include <functional>
 #include <mutex>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -101,8 +102,13 @@ class DigestPool {
           m_Results(files.size()),
           m_Done(files.size(), 0),
           m_AddBytes(std::move(addBytes)) {
-        for (unsigned i = 0; i < threads && i < files.size(); ++i) {
-            m_Threads.emplace_back([this] { Run(); });
+        // A thread that cannot be started leaves the work to the others,
+        // or to the caller when none started.
+        try {
+            for (unsigned i = 0; i < threads && i < files.size(); ++i) {
+                m_Threads.emplace_back([this] { Run(); });
+            }
+        } catch (const std::system_error&) {
         }
     }
     ~DigestPool() {
