@@ -13,7 +13,7 @@ class ZELKEngine;
 // reset by engine_stop.  Fields are single words read and written without a
 // lock (relaxed atomics): a reader may see a mode change between two events.
 class ZELKConfig {
-public:
+  public:
     static constexpr const char* kVersion = "12.0.178";
     static constexpr uint64_t kNotSet = ~0ULL;  // window times not yet known
 
@@ -47,7 +47,7 @@ public:
     void SetManifestApplied(bool v) { Store(m_ManifestApplied, v); }
     std::string GetCurrentVersion() const { return m_CurrentVersion; }
 
-private:
+  private:
     template <typename T>
     static T Load(const std::atomic<T>& field) {
         return field.load(std::memory_order_relaxed);

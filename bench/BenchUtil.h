@@ -131,7 +131,9 @@ inline void RowDigest(uint64_t i, uint8_t out[32]) {
         memcpy(out + k, &v, 8);
     }
 }
-inline uint64_t RowSize(uint64_t i) { return 4096 + (i % 5000) * 16; }
+inline uint64_t RowSize(uint64_t i) {
+    return 4096 + (i % 5000) * 16;
+}
 inline std::string RowPath(uint64_t i) {
     return "/opt/fleet/pkg" + std::to_string(i % 997) + "/bin/tool-" + std::to_string(i);
 }
@@ -211,9 +213,8 @@ class PlainLookup {
   public:
     explicit PlainLookup(const std::string& dbPath) {
         sqlite3_open_v2(dbPath.c_str(), &m_Db, SQLITE_OPEN_READONLY, nullptr);
-        sqlite3_prepare_v2(m_Db,
-                           "SELECT * FROM InventoryItems WHERE sha256 = ?1 AND +size = ?2", -1,
-                           &m_Stmt, nullptr);
+        sqlite3_prepare_v2(m_Db, "SELECT * FROM InventoryItems WHERE sha256 = ?1 AND +size = ?2",
+                           -1, &m_Stmt, nullptr);
     }
     ~PlainLookup() {
         sqlite3_finalize(m_Stmt);
@@ -281,16 +282,17 @@ class RatioReporter : public benchmark::ConsoleReporter {
                 continue;
             }
             std::sort(values.begin(), values.end());
-            const double median = values.size() % 2
-                                      ? values[values.size() / 2]
-                                      : (values[values.size() / 2 - 1] + values[values.size() / 2]) / 2;
+            const double median =
+                values.size() % 2 ? values[values.size() / 2]
+                                  : (values[values.size() / 2 - 1] + values[values.size() / 2]) / 2;
             std::string verdict = "report";
             char target[32] = "-";
             if (ratio.target > 0) {
-                const bool met = ratio.higherIsBetter ? median >= ratio.target : median <= ratio.target;
+                const bool met =
+                    ratio.higherIsBetter ? median >= ratio.target : median <= ratio.target;
                 verdict = met ? "met" : "MISSED";
-                snprintf(target, sizeof(target), "%s %.2f", ratio.higherIsBetter ? ">=" : "<=",
-                         ratio.target);
+                snprintf(target, sizeof(target), "%s %.2f",
+                         ratio.higherIsBetter ? ">=" : "<=", ratio.target);
             }
             printf("%-58s %9.3f %9.3f %9.3f  %s %s (n=%zu)\n", ratio.label.c_str(), values.front(),
                    median, values.back(), target, verdict.c_str(), values.size());

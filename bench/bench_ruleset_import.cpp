@@ -32,8 +32,8 @@ const std::string& Document() {
             }
             d += i ? ",\n" : "\n";
             d += "{\"fileName\": \"tool-" + std::to_string(i) + "\", \"sha256\": \"" + hex +
-                 "\", \"size\": " + std::to_string(zelkbench::RowSize(i)) +
-                 ", \"action\": \"" + (i % 10 ? "allow" : "block") + "\"}";
+                 "\", \"size\": " + std::to_string(zelkbench::RowSize(i)) + ", \"action\": \"" +
+                 (i % 10 ? "allow" : "block") + "\"}";
         }
         return d + "]}";
     }();
@@ -62,16 +62,17 @@ void BM_Baseline_ParseAndInsert(benchmark::State& state) {
             const char* hex = cJSON_GetObjectItemCaseSensitive(rule, "sha256")->valuestring;
             uint8_t sha[32];
             for (int k = 0; k < 32; ++k) {
-                sha[k] = static_cast<uint8_t>(HexNibble(hex[2 * k]) << 4 | HexNibble(hex[2 * k + 1]));
+                sha[k] =
+                    static_cast<uint8_t>(HexNibble(hex[2 * k]) << 4 | HexNibble(hex[2 * k + 1]));
             }
             const char* action = cJSON_GetObjectItemCaseSensitive(rule, "action")->valuestring;
             sqlite3_bind_text(insert, 1,
                               cJSON_GetObjectItemCaseSensitive(rule, "fileName")->valuestring, -1,
                               SQLITE_TRANSIENT);
             sqlite3_bind_blob(insert, 2, sha, 32, SQLITE_TRANSIENT);
-            sqlite3_bind_int64(insert, 3,
-                               static_cast<int64_t>(
-                                   cJSON_GetObjectItemCaseSensitive(rule, "size")->valuedouble));
+            sqlite3_bind_int64(
+                insert, 3,
+                static_cast<int64_t>(cJSON_GetObjectItemCaseSensitive(rule, "size")->valuedouble));
             sqlite3_bind_int64(insert, 4, 1700000000000LL);
             sqlite3_bind_int(insert, 5, action[0] == 'a');
             sqlite3_bind_text(insert, 6, "bench-ruleset", -1, SQLITE_STATIC);

@@ -74,9 +74,10 @@ int main(int argc, char** argv) {
     }
     std::vector<zelkbench::Ratio> ratios;
     for (int rules : {100, 1000, 10000}) {
-        ratios.push_back({"unknown file in lockdown, " + std::to_string(rules) + " / 10 trust rules",
-                          "BM_AppCtl_UnknownLockdown/" + std::to_string(rules),
-                          "BM_AppCtl_UnknownLockdown/10", "", 0, false});
+        ratios.push_back(
+            {"unknown file in lockdown, " + std::to_string(rules) + " / 10 trust rules",
+             "BM_AppCtl_UnknownLockdown/" + std::to_string(rules), "BM_AppCtl_UnknownLockdown/10",
+             "", 0, false});
     }
     return zelkbench::RunWithRatios(argc, argv, std::move(ratios));
 }

@@ -191,12 +191,12 @@ TEST(HostKit, DigestsEventsTracesAndPersistRule) {
     ASSERT_EQ(line.warnings.size(), 1u);  // "extra"
 
     const char* const bad[] = {
-        "{\"type\":\"exec\"",                     // truncated
-        "[1,2]",                                  // not an object
-        "{\"pid\":1}",                            // no type
-        "{\"type\":\"run\"}",                     // unknown name
-        "{\"type\":\"exec\",\"pid\":-1}",         // negative
-        "{\"type\":\"exec\",\"pid\":1e60}",       // beyond 64 bits
+        "{\"type\":\"exec\"",                // truncated
+        "[1,2]",                             // not an object
+        "{\"pid\":1}",                       // no type
+        "{\"type\":\"run\"}",                // unknown name
+        "{\"type\":\"exec\",\"pid\":-1}",    // negative
+        "{\"type\":\"exec\",\"pid\":1e60}",  // beyond 64 bits
         "{\"type\":\"exec\",\"size\":18446744073709551616}",
         "{\"type\":\"exec\",\"sha256\":\"ab\"}",  // short digest
         "{\"type\":\"exec\",\"target\":\"${NOPE_ZELK_VAR}\"}",
