@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cassert>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -571,6 +572,8 @@ bool ZELKDAL::PrepareStatements() {
                 slot = &slots[i];
             }
         }
+        // Every member of the prepare order has a slot; both lists are ours.
+        assert(slot != nullptr);
         sqlite3_stmt* raw = nullptr;
         int rc = sqlite3_prepare_v2(db.get(), slot->sql, -1, &raw, nullptr);
         if (raw != nullptr) {
