@@ -4,7 +4,7 @@
 #include "ZELKLogger.h"
 
 ZELKAllowCache::~ZELKAllowCache() {
-    std::lock_guard<std::mutex> lock(m_Mutex);
+    std::lock_guard<std::shared_mutex> lock(m_Mutex);
     m_Map.clear();
 }
 
@@ -21,7 +21,7 @@ void ZELKAllowCache::AddCacheNode(const std::string& user, const std::string& pr
     if (Size() > kMaxTargets - 1) {
         FlushCache();
     }
-    std::lock_guard<std::mutex> lock(m_Mutex);
+    std::lock_guard<std::shared_mutex> lock(m_Mutex);
     AddLocked(user, process, target);
 }
 
@@ -30,7 +30,7 @@ bool ZELKAllowCache::AddCacheNode(const std::string& user, const std::string& pr
     if (Size() > kMaxTargets - 1) {
         FlushCache();
     }
-    std::lock_guard<std::mutex> lock(m_Mutex);
+    std::lock_guard<std::shared_mutex> lock(m_Mutex);
     if (m_ChangesUnderWay != 0 || generation != m_Generation.load(std::memory_order_relaxed)) {
         return false;
     }
@@ -39,13 +39,13 @@ bool ZELKAllowCache::AddCacheNode(const std::string& user, const std::string& pr
 }
 
 void ZELKAllowCache::BeginPolicyChange() {
-    std::lock_guard<std::mutex> lock(m_Mutex);
+    std::lock_guard<std::shared_mutex> lock(m_Mutex);
     ++m_ChangesUnderWay;
     m_Generation.fetch_add(1, std::memory_order_acq_rel);
 }
 
 void ZELKAllowCache::EndPolicyChange() {
-    std::lock_guard<std::mutex> lock(m_Mutex);
+    std::lock_guard<std::shared_mutex> lock(m_Mutex);
     if (m_ChangesUnderWay != 0) {
         --m_ChangesUnderWay;
     }
@@ -80,7 +80,7 @@ void ZELKAllowCache::AddLocked(const std::string& user, const std::string& proce
 
 bool ZELKAllowCache::IsCached(const std::string& user, const std::string& process,
                               const std::string& target) {
-    std::lock_guard<std::mutex> lock(m_Mutex);
+    std::shared_lock<std::shared_mutex> lock(m_Mutex);
     auto targetIt = m_Map.find(target);
     if (targetIt == m_Map.end()) {
         Bump(m_Miss);
@@ -104,7 +104,7 @@ bool ZELKAllowCache::IsCached(const std::string& user, const std::string& proces
 }
 
 void ZELKAllowCache::RemoveCacheNode(const std::string& target) {
-    std::lock_guard<std::mutex> lock(m_Mutex);
+    std::lock_guard<std::shared_mutex> lock(m_Mutex);
     if (m_Map.erase(target) != 0) {
         Bump(m_RemoveHit);
         PublishSize();
@@ -114,7 +114,7 @@ void ZELKAllowCache::RemoveCacheNode(const std::string& target) {
 }
 
 void ZELKAllowCache::FlushCache() {
-    std::lock_guard<std::mutex> lock(m_Mutex);
+    std::lock_guard<std::shared_mutex> lock(m_Mutex);
     m_Map.clear();
     PublishSize();
     for (Counter* counter :

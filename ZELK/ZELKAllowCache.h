@@ -8,9 +8,11 @@
 // Processes and users under one target are not bounded.
 //
 // Thread safety: every operation but GetMetrics holds m_Mutex for its whole
-// run; m_Mutex guards m_Map and the counters.  The counters and the target
-// count are atomics so that GetMetrics (and the size test before a flush)
-// can read them without the lock.
+// run; m_Mutex guards m_Map and the counters.  Lookups hold it shared, so
+// host threads answering cache hits do not wait for each other; everything
+// that changes the map holds it exclusively.  The counters are atomics,
+// counted with fetch_add (lookups count concurrently), so that GetMetrics
+// (and the size test before a flush) can read them without the lock.
 #ifndef ZELK_ZELKALLOWCACHE_H_
 #define ZELK_ZELKALLOWCACHE_H_
 
@@ -19,6 +21,7 @@
 #include <atomic>
 #include <cstdint>
 #include <mutex>
+#include <shared_mutex>
 #include <string>
 #include <unordered_map>
 
@@ -71,16 +74,15 @@ class ZELKAllowCache {
     using Targets = std::unordered_map<std::string, Processes>;
     using Counter = std::atomic<uint64_t>;
 
-    // Caller holds m_Mutex.
-    static void Bump(Counter& counter) {
-        counter.store(counter.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-    }
+    // Caller holds m_Mutex (shared or exclusive).
+    static void Bump(Counter& counter) { counter.fetch_add(1, std::memory_order_relaxed); }
     void RaiseMaxDepth(uint64_t depth);
     // The insertion itself.  Caller holds m_Mutex.
     void AddLocked(const std::string& user, const std::string& process, const std::string& target);
     void PublishSize() { m_MapSize.store(m_Map.size(), std::memory_order_relaxed); }
 
-    std::mutex m_Mutex;
+    // Lookups share the lock; additions, removals and flushes hold it alone.
+    std::shared_mutex m_Mutex;
     Targets m_Map;  // guarded by m_Mutex
 
     // Written under m_Mutex, read anywhere.
