@@ -8,64 +8,49 @@
 #include "ZELKEvent.h"
 #include "ZELKFile.h"
 
-TEST(File, ReadToEndClosesAndStaysOk) {
+TEST(File, ReadsWritesAndReportsFailuresWithoutThrowing) {
     const std::string dir = zelktest::ScratchDir();
-    const std::string path = dir + "/data.bin";
-    zelktest::WriteFile(path, "hello");
-
+    const std::string target = dir + "/target", link = dir + "/link";
     ac_file_s f;
-    fileopen_read(path, f);
+    fileopen_write(target, f);
     ASSERT_GE(f.fd, 0);
-    EXPECT_TRUE(fileok(f));
+    EXPECT_EQ(filewrite(&f, "hello", 5), 5u);
+    fileclose(&f);
+    fileclose(&f);  // twice is harmless
+
+    // Reading to the end closes the file and is not an error.
+    fileopen_read(target, f);
+    ASSERT_GE(f.fd, 0);
     char buf[16];
     EXPECT_EQ(fileread(&f, buf, sizeof(buf)), 5u);
     EXPECT_FALSE(fileend(f));
     EXPECT_EQ(fileread(&f, buf, sizeof(buf)), 0u);
     EXPECT_TRUE(fileend(f));
     EXPECT_TRUE(fileok(f));
-    fileclose(&f);
-    fileclose(&f);  // twice is harmless
-    EXPECT_TRUE(fileok(f));
-}
 
-TEST(File, OpenFailuresAreReportedNotThrown) {
-    const std::string dir = zelktest::ScratchDir();
-    const std::string target = dir + "/target";
-    const std::string link = dir + "/link";
-    zelktest::WriteFile(target, "x");
+    // A final symbolic link is refused for reading and writing.
     ASSERT_EQ(0, symlink(target.c_str(), link.c_str()));
-
-    ac_file_s f;
     fileopen_read(link, f);
     EXPECT_LT(f.fd, 0);
     EXPECT_EQ(fileerror(f), ELOOP);
     EXPECT_TRUE(fileend(f));
-
-    ac_file_s missing;
-    fileopen_read(dir + "/nope", missing);
-    EXPECT_EQ(fileerror(missing), ENOENT);
-
-    // Writing through a link is refused too; a plain path is created.
-    ac_file_s w;
-    fileopen_write(link, w);
-    EXPECT_EQ(fileerror(w), ELOOP);
-    fileopen_write(dir + "/out", w);
-    ASSERT_GE(w.fd, 0);
-    EXPECT_EQ(filewrite(&w, "abc", 3), 3u);
-    fileclose(&w);
+    fileopen_write(link, f);
+    EXPECT_EQ(fileerror(f), ELOOP);
+    fileopen_read(dir + "/nope", f);
+    EXPECT_EQ(fileerror(f), ENOENT);
 
     // A read on a descriptor that was closed underneath forgets it.
-    ac_file_s stale;
-    fileopen_read(target, stale);
-    ASSERT_GE(stale.fd, 0);
-    close(stale.fd);
-    char c;
-    EXPECT_EQ(fileread(&stale, &c, 1), 0u);
-    EXPECT_EQ(fileerror(stale), EBADF);
-    EXPECT_TRUE(fileend(stale));
+    fileopen_read(target, f);
+    ASSERT_GE(f.fd, 0);
+    close(f.fd);
+    EXPECT_EQ(fileread(&f, buf, 1), 0u);
+    EXPECT_EQ(fileerror(f), EBADF);
+    EXPECT_TRUE(fileend(f));
 }
 
 TEST(File, TimeHelpers) {
+    // Seconds, milliseconds and microseconds all come out as milliseconds;
+    // the cut-overs sit at 10^10 and 10^13.
     EXPECT_EQ(convertTimeToMillis(1700000000ULL), 1700000000000ULL);
     EXPECT_EQ(convertTimeToMillis(1700000000000ULL), 1700000000000ULL);
     EXPECT_EQ(convertTimeToMillis(1700000000000000ULL), 1700000000000ULL);
@@ -73,12 +58,9 @@ TEST(File, TimeHelpers) {
     EXPECT_EQ(convertTimeToMillis(10000000000ULL), 10000000000ULL);
     EXPECT_EQ(convertTimeToMillis(9999999999999ULL), 9999999999999ULL);
     EXPECT_EQ(convertTimeToMillis(10000000000000ULL), 10000000000ULL);
-
-    const uint64_t now = GetCurrentTimeInMillis();
-    EXPECT_GT(now, 1700000000000ULL);
     const uint64_t wall = static_cast<uint64_t>(time(nullptr)) * 1000;
-    EXPECT_LE(now, wall + 1000);
-    EXPECT_GE(now + 2000, wall);
+    const uint64_t now = GetCurrentTimeInMillis();
+    EXPECT_TRUE(now + 2000 >= wall && now <= wall + 3000) << now << " " << wall;
 }
 
 TEST(File, FixedAnswerHooks) {
