@@ -21,24 +21,10 @@ constexpr int kEventsPerThread = 1500;
 constexpr int kImports = 40;
 constexpr int kItems = 1200;
 
-struct File {
-    std::string path;
-    uint8_t sha[32];
-};
-
-std::string Hex(const uint8_t* bytes) {
-    static const char* digits = "0123456789abcdef";
-    std::string out;
-    for (int i = 0; i < 32; ++i) {
-        out += digits[bytes[i] >> 4];
-        out += digits[bytes[i] & 15];
-    }
-    return out;
-}
-
-std::string Rule(const File& f, bool allow) {
-    return "{\"sha256\":\"" + Hex(f.sha) + "\",\"size\":4,\"action\":\"" +
-           (allow ? "allow" : "block") + "\"}";
+// Program i's digest is a0+i followed by zero bytes.
+std::string Rule(int i, bool allow) {
+    return "{\"sha256\":\"a" + std::to_string(i) + std::string(62, '0') +
+           "\",\"size\":4,\"action\":\"" + (allow ? "allow" : "block") + "\"}";
 }
 
 long Metric(cJSON* metrics, const char* key) {
@@ -60,16 +46,16 @@ TEST(Stress, ConcurrentMixedWorkloadKeepsStoreAndPolicyConsistent) {
     ASSERT_EQ(set_config(0, 0, 0), ZELK_STATUS_SUCCESS);
     zelktest::LogCapture::Get().Clear();  // a new database logs its schema size as an error
 
-    File files[3];
-    for (int i = 0; i < 3; ++i) {
-        files[i].path = dir + "/bin" + std::to_string(i);
-        zelktest::WriteFile(files[i].path, "body");
-        memset(files[i].sha, 0, 32);
-        files[i].sha[0] = static_cast<uint8_t>(0xa0 + i);
+    std::string paths[3];
+    uint8_t shas[3][32] = {};
+    for (int k = 0; k < 3; ++k) {
+        paths[k] = dir + "/bin" + std::to_string(k);
+        zelktest::WriteFile(paths[k], "body");
+        shas[k][0] = static_cast<uint8_t>(0xa0 + k);
     }
     auto ruleset = [&](long version) {
-        return "{\"rules\":[" + Rule(files[0], true) + "," + Rule(files[1], false) + "," +
-               Rule(files[2], version % 2 == 0) + "]}";
+        return "{\"rules\":[" + Rule(0, true) + "," + Rule(1, false) + "," +
+               Rule(2, version % 2 == 0) + "]}";
     };
     ASSERT_EQ(set_ruleset_buffer(false, ruleset(0).c_str(), "Weekly"), ZELK_STATUS_SUCCESS);
 
@@ -84,37 +70,34 @@ TEST(Stress, ConcurrentMixedWorkloadKeepsStoreAndPolicyConsistent) {
             static const uint32_t kTypes[] = {ZELK_EVENT_EXEC_PRE, ZELK_EVENT_CACHED,
                                               ZELK_EVENT_MMAP_PRE};
             for (int i = 0; i < kEventsPerThread; ++i) {
-                const File& f = files[(i + t) % 3];
+                const int k = (i + t) % 3;
                 const uint32_t type = kTypes[(i / 3 + t) % 3];
                 ac_wrapper_event_s e = zelktest::EmptyEvent();
                 e.eventType = type;
                 e.pid = 2000 + t;
                 e.processName = "/usr/bin/bash";
-                e.name = f.path.c_str();
+                e.name = paths[k].c_str();
                 e.user = "alice";
                 e.group = "staff";
                 e.isexec = 1;
-                e.mode = 4;
-                e.size = 4;
-                e.fileSha256 = f.sha;
+                e.mode = e.size = 4;
+                e.fileSha256 = shas[k];
                 ac_wrapper_response_s r;
                 const long before = generation.load();
                 const uint32_t status = app_ctl(&e, &r);
-                const long after = generation.load();
                 execs += type == ZELK_EVENT_EXEC_PRE;
                 mmaps += type == ZELK_EVENT_MMAP_PRE;
-                if (before != after || before % 2 != 0) {
+                if (generation.load() != before || before % 2 != 0) {
                     continue;  // an import overlapped the decision
                 }
                 ++decisions;
-                const bool allowed = &f == &files[0] || (&f == &files[2] && (before / 2) % 2 == 0);
+                const bool allowed = k == 0 || (k == 2 && (before / 2) % 2 == 0);
                 // A cached lookup may decline, but must never allow what the
                 // policy in force blocks.
-                const bool wrong = type == ZELK_EVENT_CACHED
-                                       ? !allowed && r.action == ZELK_ACTION_ALLOW
-                                       : allowed != (r.action == ZELK_ACTION_ALLOW) ||
-                                             (status == ZELK_STATUS_BLOCKED) == allowed;
-                contradictions += wrong;
+                contradictions += type == ZELK_EVENT_CACHED
+                                      ? !allowed && r.action == ZELK_ACTION_ALLOW
+                                      : allowed != (r.action == ZELK_ACTION_ALLOW) ||
+                                            (status == ZELK_STATUS_BLOCKED) == allowed;
             }
             --eventThreadsLeft;
         });
@@ -138,16 +121,12 @@ TEST(Stress, ConcurrentMixedWorkloadKeepsStoreAndPolicyConsistent) {
     });
     threads.emplace_back([&] {
         for (int i = 0; i < kItems; ++i) {
-            ac_db_item_s item;
-            memset(&item, 0, sizeof(item));
+            ac_db_item_s item{};
             item.sha256[0] = 0x11;
-            item.sha256[1] = static_cast<uint8_t>(i >> 8);
-            item.sha256[2] = static_cast<uint8_t>(i);
+            memcpy(item.sha256 + 1, &i, sizeof(i));
             item.source = ZELK_SOURCE_SCANNED;
-            const std::string name = "item" + std::to_string(i);
-            item.fileName = name.c_str();
-            item.path = "/opt/stress/";
-            item.nativePath = "/opt/stress/";
+            item.fileName = "item";
+            item.path = item.nativePath = "/opt/stress/";
             item.ruleset = "";
             item.size = 7;
             item.authorized = 1;
@@ -165,11 +144,9 @@ TEST(Stress, ConcurrentMixedWorkloadKeepsStoreAndPolicyConsistent) {
             get_metrics_mem(nullptr, &size);
             std::vector<char> buffer(size + 256);  // room for counters that grow meanwhile
             size = static_cast<unsigned>(buffer.size());
-            cJSON* doc = nullptr;
-            if (get_metrics_mem(buffer.data(), &size) != 0 ||
-                (doc = cJSON_Parse(buffer.data())) == nullptr) {
-                ++metricsFailures;
-            }
+            cJSON* doc =
+                get_metrics_mem(buffer.data(), &size) == 0 ? cJSON_Parse(buffer.data()) : nullptr;
+            metricsFailures += doc == nullptr;
             cJSON_Delete(doc);
         }
     });
