@@ -70,6 +70,26 @@ const char* DriftState(uint32_t authorizedState) {
     }
 }
 
+// The pidfd a permission group's event carries (FAN_REPORT_PIDFD), or -1.
+// The kernel opened it for this reader, so whoever gets it must close it.
+int PidfdOf(const struct fanotify_event_metadata* m) {
+    const char* at = reinterpret_cast<const char*>(m) + m->metadata_len;
+    const char* end = reinterpret_cast<const char*>(m) + m->event_len;
+    while (at + sizeof(struct fanotify_event_info_header) <= end) {
+        const auto* hdr = reinterpret_cast<const struct fanotify_event_info_header*>(at);
+        if (hdr->len == 0 || at + hdr->len > end) {
+            break;
+        }
+        if (hdr->info_type == FAN_EVENT_INFO_TYPE_PIDFD &&
+            hdr->len >= sizeof(struct fanotify_event_info_pidfd)) {
+            const int fd = reinterpret_cast<const struct fanotify_event_info_pidfd*>(at)->pidfd;
+            return fd >= 0 ? fd : -1;
+        }
+        at += hdr->len;
+    }
+    return -1;
+}
+
 bool DeletedPath(const std::string& path) {
     static const std::string kSuffix = " (deleted)";
     return path.size() > kSuffix.size() &&
@@ -91,8 +111,15 @@ Agent::~Agent() {
 }
 
 bool Agent::Start(std::string& error) {
-    m_PermFd = fanotify_init(FAN_CLASS_CONTENT | FAN_CLOEXEC | FAN_NONBLOCK | FAN_UNLIMITED_QUEUE,
-                             O_RDONLY | O_LARGEFILE | O_CLOEXEC | O_NOATIME);
+    // A pidfd with each event names the acting process even after its pid
+    // is reused, and lets the kernel hand out its ids far cheaper than
+    // /proc/PID/status does.  Kernels before 5.15 refuse the flag.
+    const unsigned permFlags = FAN_CLASS_CONTENT | FAN_CLOEXEC | FAN_NONBLOCK | FAN_UNLIMITED_QUEUE;
+    const unsigned eventFlags = O_RDONLY | O_LARGEFILE | O_CLOEXEC | O_NOATIME;
+    m_PermFd = fanotify_init(permFlags | FAN_REPORT_PIDFD, eventFlags);
+    if (m_PermFd < 0 && errno == EINVAL) {
+        m_PermFd = fanotify_init(permFlags, eventFlags);
+    }
     if (m_PermFd < 0) {
         error = Errno("fanotify_init(FAN_CLASS_CONTENT)");
         return false;
@@ -158,6 +185,7 @@ bool Agent::Start(std::string& error) {
                   nameError.c_str());
     }
 
+    m_FdDir = open("/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     m_StopFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (m_StopFd < 0) {
         error = Errno("eventfd");
@@ -196,7 +224,7 @@ void Agent::Stop() {
         m_FileWorker.join();
     }
     // Closing the permission group allows anything the kernel still holds.
-    for (int* fd : {&m_PermFd, &m_NameFd, &m_StopFd}) {
+    for (int* fd : {&m_PermFd, &m_NameFd, &m_StopFd, &m_FdDir}) {
         if (*fd >= 0) {
             close(*fd);
             *fd = -1;
@@ -258,12 +286,15 @@ bool Agent::ReadEvents(int fd, bool nameGroup, std::vector<char>& buffer) {
             }
             continue;
         }
+        Job job;
+        if (!nameGroup) {
+            job.pidfd = OwnedFd(PidfdOf(m));
+        }
         if (m->mask & FAN_Q_OVERFLOW) {
             m_Stats.Overflow();
             Log().Log(ZELK_LOG_WARNING, "fanotify queue overflow: events were lost");
             continue;
         }
-        Job job;
         job.pid = static_cast<pid_t>(m->pid);
         job.mask = m->mask;
         job.readNs = now;
@@ -365,11 +396,11 @@ void Agent::Answer(int fd, bool allow) {
     }
 }
 
-void Agent::DescribeProcess(pid_t pid, hostkit::HostEvent& event) {
-    hostkit::ProcessInfo process = hostkit::ReadProcessInfo(pid);
+void Agent::DescribeProcess(pid_t pid, int pidfd, hostkit::HostEvent& event) {
+    hostkit::ProcessInfo process = hostkit::ReadProcessInfo(pid, pidfd);
     event.pid = static_cast<uint64_t>(pid);
-    event.processName = process.exe;
-    event.cmdLine = process.cmdLine;
+    event.processName = std::move(process.exe);
+    event.cmdLine = std::move(process.cmdLine);
     if (process.uid) {
         event.user = m_Names.User(*process.uid);
     }
@@ -395,7 +426,7 @@ void Agent::HandleExec(Job& job, const KnownTarget* known) {
         st = known->st;
         digests = known->digests;
     }
-    if (!hostkit::PathOfFd(job.fd, path)) {
+    if (!hostkit::PathOfFd(job.fd, path, m_FdDir)) {
         failure = "cannot read the target's path";
     } else if (known == nullptr && !m_Cache.DigestOf(job.fd, st, digests, hit, err)) {
         failure = std::string("cannot hash the target: ") + strerror(err);
@@ -404,7 +435,7 @@ void Agent::HandleExec(Job& job, const KnownTarget* known) {
         event.name = path;
         SetFileStat(st, event);
         SetDigests(digests, event);
-        DescribeProcess(job.pid, event);
+        DescribeProcess(job.pid, job.pidfd.Get(), event);
         ac_wrapper_event_s raw = event.Raw();
         const uint64_t engineStart = MonotonicNs();
         rc = app_ctl(&raw, &response);
@@ -463,7 +494,7 @@ void Agent::HandleCloseWrite(Job& job) {
     m_Stats.Count(kKindCloseWrite);
     std::string path;
     struct stat st;
-    if (!hostkit::PathOfFd(job.fd, path) || DeletedPath(path) || fstat(job.fd, &st) != 0 ||
+    if (!hostkit::PathOfFd(job.fd, path, m_FdDir) || DeletedPath(path) || fstat(job.fd, &st) != 0 ||
         !S_ISREG(st.st_mode)) {
         close(job.fd);
         job.fd = -1;
@@ -490,7 +521,7 @@ void Agent::HandleCloseWrite(Job& job) {
     event.name = path;
     SetFileStat(st, event);
     SetDigests(digests, event);
-    DescribeProcess(job.pid, event);
+    DescribeProcess(job.pid, job.pidfd.Get(), event);
     ac_wrapper_event_s raw = event.Raw();
     ac_wrapper_response_s response;
     uint32_t rc = app_ctl(&raw, &response);
@@ -530,7 +561,7 @@ bool Agent::ResolveName(const char* record, std::string& path, bool& isOld) cons
         return false;
     }
     std::string dir;
-    bool ok = hostkit::PathOfFd(dirFd, dir);
+    bool ok = hostkit::PathOfFd(dirFd, dir, m_FdDir);
     close(dirFd);
     if (!ok || DeletedPath(dir)) {
         return false;
@@ -602,7 +633,7 @@ void Agent::HandleName(Job& job) {
             close(fd);
         }
     }
-    DescribeProcess(job.pid, event);
+    DescribeProcess(job.pid, -1, event);
     ac_wrapper_event_s raw = event.Raw();
     ac_wrapper_response_s response;
     uint32_t rc = app_ctl(&raw, &response);

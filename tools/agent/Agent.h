@@ -12,11 +12,13 @@
 
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstdint>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "AgentStats.h"
@@ -35,10 +37,39 @@ struct AgentOptions {
     size_t queueCapacity = 256;
 };
 
+// A descriptor closed when its owner goes; moves hand it on.
+class OwnedFd {
+  public:
+    OwnedFd() = default;
+    explicit OwnedFd(int fd) : m_Fd(fd) {}
+    OwnedFd(OwnedFd&& other) noexcept : m_Fd(std::exchange(other.m_Fd, -1)) {}
+    OwnedFd& operator=(OwnedFd&& other) noexcept {
+        if (this != &other) {
+            Reset();
+            m_Fd = std::exchange(other.m_Fd, -1);
+        }
+        return *this;
+    }
+    ~OwnedFd() { Reset(); }
+    int Get() const { return m_Fd; }
+    void Reset() {
+        if (m_Fd >= 0) {
+            close(m_Fd);
+            m_Fd = -1;
+        }
+    }
+
+  private:
+    int m_Fd = -1;
+};
+
 // One event taken from the kernel, owned by the queue until a worker takes it.
 struct Job {
     enum Type { kExec, kCloseWrite, kName } type = kExec;
-    int fd = -1;  // event descriptor (kExec, kCloseWrite); the worker closes it
+    // Event descriptor (kExec, kCloseWrite).  Closed by hand, as a permission
+    // event's must be answered before it goes.
+    int fd = -1;
+    OwnedFd pidfd;  // the acting process, where the kernel reports it
     pid_t pid = 0;
     uint64_t mask = 0;
     uint64_t readNs = 0;     // monotonic time the reader took the event
@@ -84,8 +115,8 @@ class Agent {
     // Writes the answer for a permission event; counts and logs a failure.
     void Answer(int fd, bool allow);
     // The acting process's image, command line, user and group; what has
-    // vanished with an exited process stays unset.
-    void DescribeProcess(pid_t pid, hostkit::HostEvent& event);
+    // vanished with an exited process stays unset.  `pidfd` is the job's, or -1.
+    void DescribeProcess(pid_t pid, int pidfd, hostkit::HostEvent& event);
     // Resolves a directory handle plus name record to a full path.
     bool ResolveName(const char* record, std::string& path, bool& isOld) const;
 
@@ -101,6 +132,7 @@ class Agent {
     int m_PermFd = -1;
     int m_NameFd = -1;
     int m_StopFd = -1;
+    int m_FdDir = -1;          // /proc/self/fd, for the paths of event descriptors
     unsigned m_MarkFlags = 0;  // FAN_MARK_MOUNT or 0, for the flush at stop
     struct MountRef {
         int fsid[2];

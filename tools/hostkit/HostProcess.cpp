@@ -3,9 +3,12 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <pwd.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -14,18 +17,21 @@
 namespace hostkit {
 namespace {
 
-// Reads at most `limit` bytes of a small /proc file.  False when it cannot be
-// opened or read.
-bool ReadSmallFile(const char* path, size_t limit, std::string& out) {
+// Reads at most `limit` bytes of /proc/PID/cmdline or /proc/PID/status into
+// `out`.  Both are produced whole for each read call, so a read that returns
+// less than was asked has reached the end and no second call is needed.
+// False when the file cannot be opened or read.
+bool ReadProcFile(const char* path, size_t limit, std::string& out) {
     int fd = open(path, O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
         return false;
     }
     out.clear();
-    char block[4096];
+    char block[8192];
     bool ok = true;
     while (out.size() < limit) {
-        ssize_t n = read(fd, block, std::min(sizeof(block), limit - out.size()));
+        const size_t want = std::min(sizeof(block), limit - out.size());
+        ssize_t n = read(fd, block, want);
         if (n < 0 && errno == EINTR) {
             continue;
         }
@@ -33,18 +39,43 @@ bool ReadSmallFile(const char* path, size_t limit, std::string& out) {
             ok = false;
             break;
         }
-        if (n == 0) {
+        out.append(block, static_cast<size_t>(n));
+        if (static_cast<size_t>(n) < want) {
             break;
         }
-        out.append(block, static_cast<size_t>(n));
     }
     close(fd);
     return ok;
 }
 
-bool ReadLink(const char* link, std::string& out) {
+// Real user and group ids through a pidfd (PIDFD_GET_INFO, Linux 6.13).  The
+// C library's headers may predate it; the request's layout is fixed by the
+// kernel's interface, so it is spelled out here.
+struct PidfdInfo {
+    uint64_t mask;
+    uint64_t cgroupid;
+    uint32_t pid, tgid, ppid, ruid, rgid, euid, egid, suid, sgid, fsuid, fsgid;
+    uint32_t spare0;
+};
+static_assert(sizeof(PidfdInfo) == 64, "first version of the pidfd information request");
+constexpr uint64_t kPidfdInfoCreds = 1u << 1;
+constexpr unsigned long kPidfdGetInfo = _IOWR(0xFF, 11, PidfdInfo);
+
+bool IdsOfPidfd(int pidfd, ProcessInfo& info) {
+    PidfdInfo request;
+    memset(&request, 0, sizeof(request));
+    request.mask = kPidfdInfoCreds;
+    if (ioctl(pidfd, kPidfdGetInfo, &request) != 0 || !(request.mask & kPidfdInfoCreds)) {
+        return false;
+    }
+    info.uid = static_cast<uid_t>(request.ruid);
+    info.gid = static_cast<gid_t>(request.rgid);
+    return true;
+}
+
+bool ReadLink(int dirFd, const char* link, std::string& out) {
     char buffer[4096];
-    ssize_t n = readlink(link, buffer, sizeof(buffer));
+    ssize_t n = readlinkat(dirFd, link, buffer, sizeof(buffer));
     if (n <= 0 || static_cast<size_t>(n) >= sizeof(buffer)) {
         return false;
     }
@@ -85,17 +116,19 @@ std::string ResolveName(Id id, Lookup lookup, char* Entry::*field) {
 
 }  // namespace
 
-ProcessInfo ReadProcessInfo(pid_t pid, size_t maxCmdLine) {
+ProcessInfo ReadProcessInfo(pid_t pid, int pidfd, size_t maxCmdLine) {
     ProcessInfo info;
     char path[64];
-    std::string text;
 
     snprintf(path, sizeof(path), "/proc/%d/exe", static_cast<int>(pid));
-    if (ReadLink(path, text)) {
-        info.exe = text;
+    info.exe.emplace();
+    if (!ReadLink(AT_FDCWD, path, *info.exe)) {
+        info.exe.reset();
     }
     snprintf(path, sizeof(path), "/proc/%d/cmdline", static_cast<int>(pid));
-    if (ReadSmallFile(path, maxCmdLine, text) && !text.empty()) {
+    info.cmdLine.emplace();
+    std::string& text = *info.cmdLine;
+    if (ReadProcFile(path, maxCmdLine, text) && !text.empty()) {
         // Arguments are NUL separated, with a NUL after the last one.
         while (!text.empty() && text.back() == '\0') {
             text.pop_back();
@@ -105,25 +138,34 @@ ProcessInfo ReadProcessInfo(pid_t pid, size_t maxCmdLine) {
                 c = ' ';
             }
         }
-        info.cmdLine = text;
+    } else {
+        info.cmdLine.reset();
+    }
+    if (pidfd >= 0 && IdsOfPidfd(pidfd, info)) {
+        return info;
     }
     snprintf(path, sizeof(path), "/proc/%d/status", static_cast<int>(pid));
-    if (ReadSmallFile(path, 8192, text)) {
+    std::string status;
+    if (ReadProcFile(path, 8192, status)) {
         unsigned long id = 0;
-        if (StatusId(text, "\nUid:", id)) {
+        if (StatusId(status, "\nUid:", id)) {
             info.uid = static_cast<uid_t>(id);
         }
-        if (StatusId(text, "\nGid:", id)) {
+        if (StatusId(status, "\nGid:", id)) {
             info.gid = static_cast<gid_t>(id);
         }
     }
     return info;
 }
 
-bool PathOfFd(int fd, std::string& path) {
+bool PathOfFd(int fd, std::string& path, int fdDir) {
     char link[64];
+    if (fdDir >= 0) {
+        snprintf(link, sizeof(link), "%d", fd);
+        return ReadLink(fdDir, link, path);
+    }
     snprintf(link, sizeof(link), "/proc/self/fd/%d", fd);
-    return ReadLink(link, path);
+    return ReadLink(AT_FDCWD, link, path);
 }
 
 std::string IdNames::User(uid_t uid) {
