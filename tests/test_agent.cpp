@@ -7,6 +7,7 @@
 #include <signal.h>
 #include <spawn.h>
 #include <sys/fanotify.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,11 +15,13 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <optional>
 #include <thread>
 #include <vector>
 
 #include "DbTestUtil.h"
 #include "HostDigest.h"
+#include "HostProcess.h"
 #include "TestUtil.h"
 
 extern char** environ;
@@ -26,19 +29,6 @@ extern char** environ;
 namespace {
 
 namespace fs = std::filesystem;
-
-// Empty when the agent can work here, else why not.
-std::string FanotifyUnavailable(const std::string& dir) {
-    int fd = fanotify_init(FAN_CLASS_CONTENT | FAN_CLOEXEC, O_RDONLY | O_LARGEFILE);
-    const uint64_t mask = FAN_OPEN_EXEC_PERM | FAN_EVENT_ON_CHILD;
-    if (fd < 0 || fanotify_mark(fd, FAN_MARK_ADD, mask, AT_FDCWD, dir.c_str()) != 0) {
-        std::string reason = std::string(fd < 0 ? "fanotify_init: " : "fanotify_mark: ");
-        close(fd);
-        return reason + strerror(errno);
-    }
-    close(fd);
-    return "";
-}
 
 // Starts args[0]: its pid, or minus the errno of a refused start (posix_spawn
 // reports the child's exec failure).
@@ -69,16 +59,21 @@ class AgentTest : public ::testing::Test {
         m_Dir = zelktest::ScratchDir();
         m_Watch = m_Dir + "/bin";
         fs::create_directories(m_Watch);
-        std::string reason = FanotifyUnavailable(m_Watch);
-        if (!reason.empty()) {
-            GTEST_SKIP() << "fanotify permission events unavailable: " << reason;
+        const int fd = fanotify_init(FAN_CLASS_CONTENT | FAN_CLOEXEC, O_RDONLY | O_LARGEFILE);
+        const bool marked =
+            fd >= 0 && fanotify_mark(fd, FAN_MARK_ADD, FAN_OPEN_EXEC_PERM | FAN_EVENT_ON_CHILD,
+                                     AT_FDCWD, m_Watch.c_str()) == 0;
+        const int err = errno;
+        close(fd);
+        if (!marked) {
+            GTEST_SKIP() << "fanotify permission events unavailable: " << strerror(err);
         }
         zelktest::WriteFile(m_Dir + "/manifest.json", "{\"rules\":[]}");
         m_Manifest = m_Dir + "/manifest.json:agent_manifest";
     }
     void TearDown() override {
         if (m_Agent > 0) {
-            Kill();
+            Stop(SIGKILL);
         }
     }
 
@@ -141,19 +136,15 @@ class AgentTest : public ::testing::Test {
         }
     }
 
-    // SIGTERM; expects a clean exit, which logs the counters.
-    void Stop() {
-        kill(m_Agent, SIGTERM);
+    // Ends the agent.  After SIGTERM it must exit cleanly, logging its
+    // counters on the way out.
+    void Stop(int signal = SIGTERM) {
+        kill(m_Agent, signal);
         int status = 0;
         waitpid(m_Agent, &status, 0);
         m_Agent = 0;
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << zelktest::ReadFile(m_Log);
-    }
-
-    void Kill() {
-        kill(m_Agent, SIGKILL);
-        waitpid(m_Agent, nullptr, 0);
-        m_Agent = 0;
+        EXPECT_TRUE(signal != SIGTERM || (WIFEXITED(status) && WEXITSTATUS(status) == 0))
+            << zelktest::ReadFile(m_Log);
     }
 
     std::string m_Dir, m_Watch, m_Manifest, m_Log;
@@ -169,6 +160,7 @@ TEST_F(AgentTest, LockdownLogOnlyAndTheManifest) {
     // Log-only: both run, only the unknown one is reported.
     Run({"--ruleset", AllowRuleset(allowed)}, {{allowed, 0}, {other, 0}},
         "allowed unknown exec " + other);
+    EXPECT_TRUE(Logged(", user root): log-only"));
     EXPECT_TRUE(Logged("allowed 2, denied 0, errors 0"));
     EXPECT_FALSE(Logged("unknown exec " + allowed));
 
@@ -218,7 +210,7 @@ TEST_F(AgentTest, KilledWithExecsInFlightLeavesNothingHungAndTheDatabaseIntact) 
     while (runs.load() < 200) {
         usleep(1000);
     }
-    Kill();
+    Stop(SIGKILL);
     // Every start waiting on the dead agent was released by the kernel; the
     // threads come back only if none hangs.
     stop = true;
@@ -232,4 +224,33 @@ TEST_F(AgentTest, KilledWithExecsInFlightLeavesNothingHungAndTheDatabaseIntact) 
     Stop();
     zelktest::Db db(m_Dir + "/ac.db");
     EXPECT_EQ(db.Column("PRAGMA integrity_check;"), std::vector<std::string>{"ok"});
+}
+
+// A process whose real, effective and saved ids all differ: asked through a
+// pidfd or read from /proc/PID/status, its ids are the real ones.
+TEST(HostKit, ProcessIdsAreTheRealOnesWithOrWithoutAPidfd) {
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        const char ok = setresgid(11, 22, 33) == 0 && setresuid(1000, 2000, 3000) == 0;
+        (void)!write(ready[1], &ok, 1);
+        pause();
+        _exit(0);
+    }
+    char ok = 0;
+    EXPECT_EQ(read(ready[0], &ok, 1), 1);
+    EXPECT_TRUE(ok) << "setresgid/setresuid in the child";
+    const int pidfd = static_cast<int>(syscall(SYS_pidfd_open, child, 0));
+    for (int fd : {pidfd, -1}) {
+        const hostkit::ProcessInfo info = hostkit::ReadProcessInfo(child, fd);
+        EXPECT_EQ(info.uid, std::optional<uid_t>(1000)) << "pidfd " << fd;
+        EXPECT_EQ(info.gid, std::optional<gid_t>(11)) << "pidfd " << fd;
+        EXPECT_EQ(info.exe, fs::read_symlink("/proc/self/exe").string());
+    }
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    close(pidfd);
+    close(ready[0]);
+    close(ready[1]);
 }
