@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/fanotify.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
 #include <time.h>
@@ -185,6 +186,13 @@ bool Agent::Start(std::string& error) {
                   nameError.c_str());
     }
 
+    // Room for the descriptors that events hold until they are answered
+    // (see ReaderLoop); the usual soft limit of 1024 is too tight.
+    struct rlimit files;
+    if (getrlimit(RLIMIT_NOFILE, &files) == 0 && files.rlim_cur < files.rlim_max) {
+        files.rlim_cur = files.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &files);
+    }
     m_FdDir = open("/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     m_StopFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (m_StopFd < 0) {
@@ -237,7 +245,12 @@ void Agent::Stop() {
 }
 
 void Agent::ReaderLoop() {
-    std::vector<char> buffer(64 * 1024);
+    // Every event taken holds a descriptor, two with its pidfd, until it is
+    // answered, and a read that runs out of descriptors makes the kernel
+    // refuse the program start it was copying.  16 KiB is at most 512
+    // permission events per read; with both queues full the agent holds
+    // about 2,000 descriptors, which Start makes room for.
+    std::vector<char> buffer(16 * 1024);
     struct pollfd fds[3] = {{m_PermFd, POLLIN, 0}, {m_StopFd, POLLIN, 0}, {m_NameFd, POLLIN, 0}};
     const nfds_t count = m_NameFd >= 0 ? 3 : 2;
     while (!m_Stopping.load()) {
