@@ -161,7 +161,9 @@ TEST(Stress, ConcurrentMixedWorkloadKeepsStoreAndPolicyConsistent) {
     }
 
     EXPECT_EQ(contradictions.load(), 0) << "of " << decisions.load() << " checked decisions";
-    EXPECT_GT(decisions.load(), kEventThreads * kEventsPerThread / 10);
+    // The importer lets 40 decisions run before its first import, so at least
+    // those were checked however slow the machine; more depends on timing.
+    EXPECT_GE(decisions.load(), 40);
     EXPECT_EQ(importFailures.load(), 0);
     EXPECT_EQ(storeFailures.load(), 0);
     for (const zelktest::LogRecord& r : zelktest::LogCapture::Get().Records()) {
