@@ -9,6 +9,7 @@
 #include <cstdarg>
 #include <cstring>
 
+#include "HostConfig.h"
 #include "zelk.h"
 
 namespace zelkagent {
@@ -26,21 +27,6 @@ uint64_t RealtimeNs() {
     struct timespec ts;
     clock_gettime(CLOCK_REALTIME, &ts);
     return static_cast<uint64_t>(ts.tv_sec) * 1000000000ULL + static_cast<uint64_t>(ts.tv_nsec);
-}
-
-const char* LevelName(unsigned level) {
-    switch (level) {
-        case ZELK_LOG_INFO:
-            return "INFO";
-        case ZELK_LOG_WARNING:
-            return "WARNING";
-        case ZELK_LOG_ERROR:
-            return "ERROR";
-        case ZELK_LOG_TRACE:
-            return "TRACE";
-        default:
-            return "LOG";
-    }
 }
 
 }  // namespace
@@ -187,7 +173,8 @@ void LogRing::Run() {
             strftime(stamp, sizeof(stamp), "%Y-%m-%d %H:%M:%S", &tm);
             fprintf(m_Out, "%s.%03u zelk-agent %s: %.*s\n", stamp,
                     static_cast<unsigned>(message.timeNs / 1000000ULL % 1000),
-                    LevelName(message.level), static_cast<int>(message.length), message.text);
+                    hostkit::LevelName(message.level), static_cast<int>(message.length),
+                    message.text);
             wrote = true;
         }
         uint64_t drops = m_Dropped.load(std::memory_order_relaxed);

@@ -32,6 +32,21 @@ uint64_t NowMillis() {
     return static_cast<uint64_t>(tv.tv_sec) * 1000 + static_cast<uint64_t>(tv.tv_usec) / 1000;
 }
 
+const char* LevelName(unsigned level) {
+    switch (level) {
+        case ZELK_LOG_INFO:
+            return "INFO";
+        case ZELK_LOG_WARNING:
+            return "WARNING";
+        case ZELK_LOG_ERROR:
+            return "ERROR";
+        case ZELK_LOG_TRACE:
+            return "TRACE";
+        default:
+            return "LOG";
+    }
+}
+
 bool ParseLogLevel(const std::string& text, unsigned& mask) {
     static const struct {
         const char* name;

@@ -13,6 +13,9 @@ namespace hostkit {
 // severe levels) or a number mask.  False for anything else.
 bool ParseLogLevel(const std::string& text, unsigned& mask);
 
+// "INFO", "WARNING", "ERROR", "TRACE" for a log level bit; "LOG" otherwise.
+const char* LevelName(unsigned level);
+
 // "engine not started", "database could not be opened", ...
 std::string StatusText(uint32_t status);
 // "<what>: <status in words> (0xC0000006)"

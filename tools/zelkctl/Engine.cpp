@@ -28,21 +28,6 @@ LogSink& Sink() {
     return sink;
 }
 
-const char* LevelName(unsigned level) {
-    switch (level) {
-        case ZELK_LOG_INFO:
-            return "INFO";
-        case ZELK_LOG_WARNING:
-            return "WARNING";
-        case ZELK_LOG_ERROR:
-            return "ERROR";
-        case ZELK_LOG_TRACE:
-            return "TRACE";
-        default:
-            return "LOG";
-    }
-}
-
 // The store reports every statement it releases at shutdown, and the size of
 // its schema when it creates a database, at ERROR level although nothing is
 // wrong.  A user of the command line is shown them only when asking for TRACE.
@@ -63,7 +48,7 @@ int OnEngineLog(unsigned level, unsigned line, const char* function, const char*
         (level & sink.mask) != 0 &&
         ((sink.mask & ZELK_LOG_TRACE) != 0 || level != ZELK_LOG_ERROR || !IsLifecycleChatter(text));
     if (shown) {
-        fprintf(sink.out, "[%s] %s:%u %s: %s\n", LevelName(level), file ? file : "?", line,
+        fprintf(sink.out, "[%s] %s:%u %s: %s\n", hostkit::LevelName(level), file ? file : "?", line,
                 function ? function : "?", text.c_str());
     }
     if (level & sink.captureMask) {
