@@ -32,6 +32,17 @@ bool Exec(sqlite3* db, const char* sql) {
     return rc == SQLITE_OK;
 }
 
+// Runs an insert whose parameters are bound; false, with the reason logged,
+// when it does not finish.
+bool StepInsert(sqlite3_stmt* stmt) {
+    const int rc = sqlite3_step(stmt);
+    if (rc != SQLITE_DONE) {
+        ZWARNING("Unable to execute sqlite insert statement. Error code: %d", rc);
+        return false;
+    }
+    return true;
+}
+
 }  // namespace
 
 // ---- Queues -------------------------------------------------------------------
@@ -303,13 +314,7 @@ bool ZELKDAL::InsertItemRow(StmtScope& stmt, const ItemRow& row) {
             break;
         }
     }
-    if (ok) {
-        int rc = sqlite3_step(insert);
-        if (rc != SQLITE_DONE) {
-            ZWARNING("Unable to execute sqlite insert statement. Error code: %d", rc);
-            ok = false;
-        }
-    }
+    ok = ok && StepInsert(insert);
     sqlite3_reset(insert);
     sqlite3_clear_bindings(insert);
     return ok;
@@ -410,12 +415,7 @@ bool ZELKDAL::StoreTrustRuleInternal(const ac_trust_rule& rule) {
         ZWARNING("Unable to bind trust rule, aborting db insert");
         return false;
     }
-    rc = sqlite3_step(stmt.get());
-    if (rc != SQLITE_DONE) {
-        ZWARNING("Unable to execute sqlite insert statement. Error code: %d", rc);
-        return false;
-    }
-    return true;
+    return StepInsert(stmt.get());
 }
 
 bool ZELKDAL::StoreUserListInternal(const ac_user_list& entry) {
@@ -430,12 +430,7 @@ bool ZELKDAL::StoreUserListInternal(const ac_user_list& entry) {
         ZWARNING("Unable to bind user list entry, aborting db insert");
         return false;
     }
-    rc = sqlite3_step(stmt.get());
-    if (rc != SQLITE_DONE) {
-        ZWARNING("Unable to execute sqlite insert statement. Error code: %d", rc);
-        return false;
-    }
-    return true;
+    return StepInsert(stmt.get());
 }
 
 // The rule queues have no size limit: a document's rules are written by the
