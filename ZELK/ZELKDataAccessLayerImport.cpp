@@ -425,21 +425,20 @@ bool ZELKDAL::ImportRulesetBuffer(bool incremental, const char* buffer, const st
         c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
     }
 
-    // Trailing text after the document is refused too: a ruleset cut and
-    // pasted together is not what its author meant.  cJSON's nesting limit
-    // turns absurdly deep documents into parse errors instead of deep stacks.
+    // The error position stays local (cJSON_GetErrorPtr is one global shared
+    // by every thread).  cJSON's nesting limit turns absurdly deep documents
+    // into parse errors instead of deep stacks.
     const char* errorAt = nullptr;
-    UniqueJson root(cJSON_ParseWithOpts(buffer, &errorAt, 1));
+    UniqueJson root(cJSON_ParseWithOpts(buffer, &errorAt, 0));
     if (!root) {
         ZERROR("Ruleset parse error ");
         ZERROR("%.64s", errorAt != nullptr ? errorAt : "");
         return false;
     }
-    // Nothing below could import from a bare array or value, and the purges
-    // would empty the store: refuse such a document before touching anything.
+    // A valid document of another shape imports nothing, but it is still the
+    // policy the host sent: the purges below happen as for an empty one.
     if (!cJSON_IsObject(root.get())) {
-        ZERROR("Ruleset %s is not a JSON object", name.c_str());
-        return false;
+        ZWARNING("Ruleset %s is not a JSON object, nothing to import", name.c_str());
     }
 
     ZELKStats& stats = ZELKStats::GetStats();
