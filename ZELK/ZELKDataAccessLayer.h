@@ -276,6 +276,10 @@ class ZELKDAL {
     bool CheckWritable(sqlite3* db);
     // One "count(*)" statement; false when it is released or fails.
     bool CountRows(const StmtHolder& holder, const char* name, int64_t& count);
+    // True when an exclude trust rule covers the item's path; logs
+    // "<caller> exclude path: ..." and counts it.  Caller must not hold
+    // m_DataMutex.
+    bool IsExcludedItem(ac_event& event, const char* caller);
     // Hook of ShutdownDAL: writes the queued items, trust rules and user
     // lists while the store is still open.
     void FlushPendingWrites();

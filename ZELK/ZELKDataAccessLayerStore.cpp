@@ -192,11 +192,18 @@ bool ZELKDAL::StoreItemBuffer(ac_db_item_s* item) {
     return StoreItemBuffer(event);
 }
 
+bool ZELKDAL::IsExcludedItem(ac_event& event, const char* caller) {
+    // The exclusion lookup takes the data mutex itself: call without it.
+    if (!IsFoundInTrustRules(DAL_TRUST_EXCLUDE, event)) {
+        return false;
+    }
+    ZTRACE("%s exclude path: %s", caller, event.name.c_str());
+    ZELKStats::GetStats().Inc("InventoryItemExcludedByTrustRule");
+    return true;
+}
+
 bool ZELKDAL::StoreItem(ac_event& event) {
-    // The exclusion lookup takes the data mutex itself.
-    if (IsFoundInTrustRules(DAL_TRUST_EXCLUDE, event)) {
-        ZTRACE("StoreItem exclude path: %s", event.name.c_str());
-        ZELKStats::GetStats().Inc("InventoryItemExcludedByTrustRule");
+    if (IsExcludedItem(event, "StoreItem")) {
         return false;
     }
     DataLock lock(*this, "StoreItem");
@@ -204,9 +211,7 @@ bool ZELKDAL::StoreItem(ac_event& event) {
 }
 
 bool ZELKDAL::StoreItemBuffer(ac_event& event) {
-    if (IsFoundInTrustRules(DAL_TRUST_EXCLUDE, event)) {
-        ZTRACE("StoreItemBuffer exclude path: %s", event.name.c_str());
-        ZELKStats::GetStats().Inc("InventoryItemExcludedByTrustRule");
+    if (IsExcludedItem(event, "StoreItemBuffer")) {
         return false;
     }
     ItemRow row = RowFromEvent(event);
