@@ -3,6 +3,7 @@
 #include <cjson/cJSON.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <map>
 #include <memory>
 #include <string>
@@ -137,6 +138,53 @@ TEST(AllowCache, ConcurrentUseKeepsCountersConsistent) {
     EXPECT_EQ(m["Add"], m["mapSize"] + m["removeHit"]);
     EXPECT_LE(m["maxDepth"], kThreads);
     EXPECT_EQ(m["Clear"], 0);
+}
+
+// More lookup threads than reader slots, so some share a slot, while a
+// writer keeps adding and removing other targets: every lookup of the stable
+// targets hits, and the summed counters are exact once the threads stop.
+TEST(AllowCache, HitsFromManyThreadsBesideAWriterAreExact) {
+    ZELKAllowCache cache;
+    constexpr int kStable = 16;
+    for (int i = 0; i < kStable; ++i) {
+        cache.AddCacheNode("u", "/bin/sh", "/bin/stable" + std::to_string(i));
+    }
+    constexpr int kReaders = static_cast<int>(ZELKAllowCache::kReaderSlots) + 6;
+    constexpr int kRounds = 500;
+    std::atomic<bool> stop{false};
+    std::atomic<int> wrongAnswers{0};
+    std::thread writer([&] {
+        for (int i = 0; !stop.load(); ++i) {
+            const std::string target = "/bin/churn" + std::to_string(i % 32);
+            cache.AddCacheNode("u", "/bin/sh", target);
+            cache.RemoveCacheNode(target);
+        }
+    });
+    std::vector<std::thread> readers;
+    for (int t = 0; t < kReaders; ++t) {
+        readers.emplace_back([&, t] {
+            for (int i = 0; i < kRounds; ++i) {
+                if (!cache.IsCached("u", "/bin/sh",
+                                    "/bin/stable" + std::to_string((i + t) % kStable))) {
+                    ++wrongAnswers;
+                }
+            }
+        });
+    }
+    for (std::thread& reader : readers) {
+        reader.join();
+    }
+    stop = true;
+    writer.join();
+    EXPECT_EQ(wrongAnswers.load(), 0);
+    Metrics m = ReadMetrics(cache);
+    EXPECT_EQ(m["Hit"], kReaders * kRounds);
+    EXPECT_EQ(m["Miss"], 0);
+    EXPECT_EQ(m["mapSize"], kStable);
+    EXPECT_EQ(m["Add"], kStable + m["removeHit"]);
+    // A flush zeroes the lookup counters of every slot.
+    cache.FlushCache();
+    ExpectMetrics(cache, {{"Hit", 0}, {"Miss", 0}, {"Clear", 1}, {"mapSize", 0}});
 }
 
 TEST(AllowCache, DecisionsOlderThanAPolicyChangeAreNotCached) {
