@@ -4,7 +4,8 @@
 set -euo pipefail
 
 PACKAGES=(cmake make g++ pkg-config libsqlite3-dev libcjson-dev libgtest-dev googletest
-          libbenchmark-dev libssl-dev libcli11-dev sqlite3 clang libclang-rt-14-dev valgrind)
+          libbenchmark-dev libssl-dev libcli11-dev sqlite3 clang libclang-rt-14-dev valgrind
+          scdoc dpkg-dev file)
 
 missing=()
 for p in "${PACKAGES[@]}"; do

@@ -18,6 +18,7 @@
 #include "HostConfig.h"
 #include "LogRing.h"
 #include "zelk.h"
+#include "zelk_build_info.h"
 
 namespace {
 
@@ -122,6 +123,8 @@ int main(int argc, char** argv) {
         "zelk-agent: application control for program starts in the watched folders, decided by "
         "the zelk engine and enforced with fanotify.  Runs in the foreground as root; stops on "
         "SIGINT or SIGTERM; prints its counters on SIGUSR1 and on exit.");
+    app.set_version_flag("--version",
+                         "zelk-agent " ZELK_PRODUCT_VERSION " (engine " ZELK_ENGINE_VERSION ")");
     app.add_option("--db", o.db, "Database file")->required();
     app.add_option("--watch", o.watch, "Folder whose files are watched (repeatable)")
         ->required()

@@ -2,6 +2,8 @@
 // exported C interface of zelk.so only.
 #include <CLI/CLI.hpp>
 
+#include "zelk_build_info.h"
+
 #include "Commands.h"
 #include "HostEvent.h"
 
@@ -23,6 +25,7 @@ int main(int argc, char** argv) {
         "replay recorded events and read its metrics.");
     app.require_subcommand(1);
     app.set_help_all_flag("--help-all", "Help for every command");
+    app.set_version_flag("--version", "zelkctl " ZELK_PRODUCT_VERSION " (engine " ZELK_ENGINE_VERSION ")");
 
     LogOptions log;
     std::string logLevel;
