@@ -26,6 +26,16 @@ find "$stage" -path '*etc/zelk/zelk-agent.conf' | grep -q . || fail "no default 
 find "$stage" -name zelk-agent.service | grep -q . || fail "no unit installed"
 find "$stage" -path '*zelk/policy.d' -type d | grep -q . || fail "no policy directory"
 
+# systemd accepts the unit (pointed at the staged agent), where it is installed.
+if command -v systemd-analyze >/dev/null 2>&1; then
+    unit="$(find "$stage" -name zelk-agent.service | head -1)"
+    sed "s#[^ ]*/sbin/zelk-agent#$root/sbin/zelk-agent#" "$unit" >"$scratch/zelk-agent.service"
+    systemd-analyze verify --man=no "$scratch/zelk-agent.service" ||
+        fail "systemd-analyze verify rejected the unit"
+else
+    echo "systemd-analyze not installed: unit not verified"
+fi
+
 # The installed programs find the installed library by themselves.
 out="$("$root/bin/zelkctl" --version)" || fail "installed zelkctl --version failed"
 echo "$out" | grep -q "zelkctl" || fail "unexpected version text: $out"
