@@ -29,7 +29,7 @@ find "$stage" -path '*zelk/policy.d' -type d | grep -q . || fail "no policy dire
 # systemd accepts the unit (pointed at the staged agent), where it is installed.
 if command -v systemd-analyze >/dev/null 2>&1; then
     unit="$(find "$stage" -name zelk-agent.service | head -1)"
-    sed "s#[^ ]*/sbin/zelk-agent#$root/sbin/zelk-agent#" "$unit" >"$scratch/zelk-agent.service"
+    sed "s#=[^ ]*/sbin/zelk-agent#=$root/sbin/zelk-agent#" "$unit" >"$scratch/zelk-agent.service"
     systemd-analyze verify --man=no "$scratch/zelk-agent.service" ||
         fail "systemd-analyze verify rejected the unit"
 else
