@@ -16,9 +16,13 @@ namespace zelkagent {
 
 struct ConfigKey {
     enum Kind { kText, kBool, kUnsigned, kChoice, kList };
+    ConfigKey(const char* keyName, Kind keyKind, uint64_t low = 0, uint64_t high = 0,
+              std::vector<std::string> words = {})
+        : name(keyName), kind(keyKind), min(low), max(high), choices(std::move(words)) {}
+
     const char* name;
     Kind kind;
-    uint64_t min = 0, max = 0;         // kUnsigned: the allowed range
+    uint64_t min, max;                 // kUnsigned: the allowed range
     std::vector<std::string> choices;  // kChoice: the allowed words
 };
 
