@@ -4,6 +4,7 @@
 
 #include "zelk_build_info.h"
 
+#include "CmdAgent.h"
 #include "Commands.h"
 #include "HostEvent.h"
 
@@ -140,6 +141,9 @@ int main(int argc, char** argv) {
     demoCmd->add_option("--dir", demo.dir, "Scratch folder (default ./demo-scratch)");
     demoCmd->add_option("--examples", demo.examples, "Folder with the example documents");
 
+    AgentOptions agent;
+    AddAgentCommand(app, agent);
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
@@ -175,6 +179,8 @@ int main(int argc, char** argv) {
         exitCode = RunPurge(log, purgeDb, purgeSource);
     } else if (*demoCmd) {
         exitCode = RunDemo(log, demo, logGiven);
+    } else if (*agent.command) {
+        exitCode = RunAgent(agent);
     }
     fflush(stdout);
     return exitCode;
