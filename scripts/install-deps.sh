@@ -5,7 +5,7 @@ set -euo pipefail
 
 PACKAGES=(cmake make g++ pkg-config libsqlite3-dev libcjson-dev libgtest-dev googletest
           libbenchmark-dev libssl-dev libcli11-dev sqlite3 clang libclang-rt-14-dev valgrind
-          scdoc dpkg-dev file libinih-dev libsystemd-dev libcurl4-openssl-dev)
+          scdoc dpkg-dev file libinih-dev libsystemd-dev libcurl4-openssl-dev python3 openssl)
 
 missing=()
 for p in "${PACKAGES[@]}"; do
