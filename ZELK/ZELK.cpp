@@ -23,11 +23,13 @@ __attribute__((visibility("default"))) ZELKConfig config;
 
 namespace {
 // Runs `body` and converts an escaping exception into a logged failure, so a
-// fault inside the engine never unwinds into the host.
+// fault inside the engine never unwinds into the host.  The body gets the
+// exported function's name as its parameter (ZELK_LOG_FUNCTION), so what it
+// logs carries that name rather than the lambda's.
 template <typename Body>
 uint32_t Guarded(const char* function, Body&& body) noexcept {
     try {
-        return body();
+        return body(function);
     } catch (const std::bad_alloc&) {
         ZELKLogger::GetInstance().Log(ZLOG_ERROR, function, ZELK_LOG_FILE, __LINE__,
                                       "out of memory");
@@ -64,7 +66,7 @@ class PolicyChange {
 extern "C" {
 
 uint32_t engine_start(const ac_engine_start_s* start) {
-    return Guarded(__func__, [&]() -> uint32_t {
+    return Guarded(__func__, [&](ZELK_LOG_FUNCTION) -> uint32_t {
         if (start == nullptr) {
             return ZELK_STATUS_NO_START;
         }
@@ -85,7 +87,7 @@ uint32_t engine_start(const ac_engine_start_s* start) {
 }
 
 uint32_t engine_stop(void) {
-    return Guarded(__func__, [&]() -> uint32_t {
+    return Guarded(__func__, [&](ZELK_LOG_FUNCTION) -> uint32_t {
         if (engine == nullptr) {
             return ZELK_STATUS_SUCCESS;
         }
@@ -100,7 +102,7 @@ uint32_t engine_stop(void) {
 }
 
 uint32_t app_ctl(ac_wrapper_event_s* event, ac_wrapper_response_s* response) {
-    return Guarded(__func__, [&]() -> uint32_t {
+    return Guarded(__func__, [&](ZELK_LOG_FUNCTION) -> uint32_t {
         if (event == nullptr) {
             return ZELK_STATUS_NO_EVENT;
         }
@@ -132,7 +134,7 @@ uint32_t app_ctl(ac_wrapper_event_s* event, ac_wrapper_response_s* response) {
 
 uint32_t set_config(unsigned flags, unsigned long autoAuthorizeStartTime,
                     unsigned long autoAuthorizeEndTime) {
-    return Guarded(__func__, [&]() -> uint32_t {
+    return Guarded(__func__, [&](ZELK_LOG_FUNCTION) -> uint32_t {
         if (engine == nullptr) {
             return ZELK_STATUS_NOT_STARTED;
         }
@@ -195,7 +197,7 @@ uint32_t set_config(unsigned flags, unsigned long autoAuthorizeStartTime,
 }
 
 uint32_t set_loglevel(unsigned mask) {
-    return Guarded(__func__, [&]() -> uint32_t {
+    return Guarded(__func__, [&](ZELK_LOG_FUNCTION) -> uint32_t {
         if (engine == nullptr) {
             return ZELK_STATUS_NOT_STARTED;
         }
@@ -205,7 +207,7 @@ uint32_t set_loglevel(unsigned mask) {
 }
 
 uint32_t get_metrics_mem(char* buffer, unsigned* size) {
-    return Guarded(__func__, [&]() -> uint32_t {
+    return Guarded(__func__, [&](ZELK_LOG_FUNCTION) -> uint32_t {
         if (engine == nullptr) {
             return ZELK_STATUS_NOT_STARTED;
         }
@@ -214,7 +216,7 @@ uint32_t get_metrics_mem(char* buffer, unsigned* size) {
 }
 
 uint32_t delete_db(void) {
-    return Guarded(__func__, [&]() -> uint32_t {
+    return Guarded(__func__, [&](ZELK_LOG_FUNCTION) -> uint32_t {
         if (engine == nullptr) {
             return ZELK_STATUS_NOT_STARTED;
         }
@@ -223,7 +225,7 @@ uint32_t delete_db(void) {
 }
 
 uint32_t purge_db(unsigned source) {
-    return Guarded(__func__, [&]() -> uint32_t {
+    return Guarded(__func__, [&](ZELK_LOG_FUNCTION) -> uint32_t {
         if (engine == nullptr) {
             return ZELK_STATUS_NOT_STARTED;
         }
@@ -233,7 +235,7 @@ uint32_t purge_db(unsigned source) {
 }
 
 uint32_t flush_db_buffer(void) {
-    return Guarded(__func__, [&]() -> uint32_t {
+    return Guarded(__func__, [&](ZELK_LOG_FUNCTION) -> uint32_t {
         if (engine == nullptr) {
             return ZELK_STATUS_NOT_STARTED;
         }
@@ -247,7 +249,7 @@ uint32_t flush_db_buffer(void) {
 }
 
 uint32_t store_item(ac_db_item_s* item, bool buffered) {
-    return Guarded(__func__, [&]() -> uint32_t {
+    return Guarded(__func__, [&](ZELK_LOG_FUNCTION) -> uint32_t {
         if (engine == nullptr) {
             return ZELK_STATUS_NOT_STARTED;
         }
@@ -262,7 +264,7 @@ uint32_t store_item(ac_db_item_s* item, bool buffered) {
 }
 
 uint32_t set_ruleset(bool flag, const char* path, const char* name) {
-    return Guarded(__func__, [&]() -> uint32_t {
+    return Guarded(__func__, [&](ZELK_LOG_FUNCTION) -> uint32_t {
         if (engine == nullptr) {
             return ZELK_STATUS_NOT_STARTED;
         }
@@ -277,7 +279,7 @@ uint32_t set_ruleset(bool flag, const char* path, const char* name) {
 }
 
 uint32_t set_ruleset_buffer(bool flag, const char* buffer, const char* name) {
-    return Guarded(__func__, [&]() -> uint32_t {
+    return Guarded(__func__, [&](ZELK_LOG_FUNCTION) -> uint32_t {
         if (buffer == nullptr || name == nullptr) {
             return ZELK_STATUS_NO_BUFFER;
         }
@@ -292,7 +294,7 @@ uint32_t set_ruleset_buffer(bool flag, const char* buffer, const char* name) {
 
 uint32_t get_inventory(unsigned long fromItemId, unsigned long limit, unsigned source,
                        const char* first, const char* second) {
-    return Guarded(__func__, [&]() -> uint32_t {
+    return Guarded(__func__, [&](ZELK_LOG_FUNCTION) -> uint32_t {
         if (first == nullptr) {
             return ZELK_STATUS_BAD_PATH;
         }

@@ -229,7 +229,10 @@ int ZELKDAL::StmtScope::BindNull(const char* name) {
 }
 
 ZELKDAL::DataLock::DataLock(ZELKDAL& dal, const char* name, int line)
-    : m_Lock(dal.m_DataMutex, std::defer_lock), m_Name(name), m_Line(line) {
+    : DataLock(dal.m_DataMutex, name, line) {}
+
+ZELKDAL::DataLock::DataLock(std::mutex& mutex, const char* name, int line)
+    : m_Lock(mutex, std::defer_lock), m_Name(name), m_Line(line) {
     ZELKLogger& logger = ZELKLogger::GetInstance();
     if (logger.IsEnabled(ZLOG_TRACE)) {
         logger.Log(ZLOG_TRACE, m_Name, ZELK_LOG_FILE, m_Line, "%s lock", m_Name);
@@ -272,9 +275,7 @@ std::string ZELKDAL::GetDBPath() const {
 
 bool ZELKDAL::SetDBPath(const std::string& path) {
     if (IsOpen()) {
-        // A host that starts the engine again with the same file gets the
-        // store it already has.
-        return path == m_DBPath;
+        return false;  // the open file stays; no other path, not even the same
     }
     m_DBPath = path;
     return true;
@@ -287,6 +288,7 @@ bool ZELKDAL::InitDB(bool /*readOnly*/) {
         result = _InitDB(false);
     }
     RefreshRuleSummaries();
+    TrustRulesChanged();
     return result;
 }
 
@@ -304,17 +306,15 @@ bool ZELKDAL::_InitDB(bool readOnly) {
     int rc = sqlite3_open_v2(m_DBPath.c_str(), &raw, flags, nullptr);
     if (rc != SQLITE_OK) {
         ZERROR("sqlite3_open_v2 failed. rc: %d", rc);
-        ZERROR("Cannot open database %s: %s", m_DBPath.c_str(),
-               raw != nullptr ? sqlite3_errmsg(raw) : sqlite3_errstr(rc));
         sqlite3_close_v2(raw);
         return false;
     }
     std::atomic_store(&m_DB, MakeDBHolder(raw));
     sqlite3_busy_timeout(raw, 5000);
 
-    // Reading the version is also what tells a database from any other file:
-    // SQLite reads the header only now.  Such a file is closed untouched and
-    // the store stays closed, so the host can retry with another path.
+    // Reading the version is also the first read of the file's header.  On a
+    // failure the handle stays open: a later InitDB finds it and only
+    // prepares the statements.
     int version = 0;
     {
         sqlite3_stmt* rawStmt = nullptr;
@@ -322,25 +322,16 @@ bool ZELKDAL::_InitDB(bool readOnly) {
         UniqueStmt stmt(rawStmt);
         if (rc != SQLITE_OK) {
             ZERROR("PRAGMA user_version failed. rc: %d", rc);
-            ZERROR("%s is not a usable database: %s", m_DBPath.c_str(), sqlite3_errmsg(raw));
-            std::atomic_store(&m_DB, DBHolder());
             return false;
         }
         rc = sqlite3_step(stmt.get());
         if (rc == SQLITE_ROW) {
             version = sqlite3_column_int(stmt.get(), 0);
-        } else if (rc != SQLITE_OK && rc != SQLITE_DONE) {
+        } else if (rc != SQLITE_OK) {
             ZERROR("Init or Update Schema failed. rc: %d", rc);
-            ZERROR("%s is not a usable database: %s", m_DBPath.c_str(), sqlite3_errmsg(raw));
-            std::atomic_store(&m_DB, DBHolder());
             return false;
         }
         ZINFO("SCHEMA user_version: %d", version);
-    }
-
-    if (!readOnly && !CheckWritable(raw)) {
-        std::atomic_store(&m_DB, DBHolder());
-        return false;
     }
 
     if (version == 0) {
@@ -360,24 +351,34 @@ bool ZELKDAL::_InitDB(bool readOnly) {
         return _InitDB(readOnly);
     }
     // Versions 1 to 3 predate every upgrade script and are used as they are.
-    return PrepareStatements();
+    if (!PrepareStatements()) {
+        return false;
+    }
+    // Only a file whose schema the statements could be prepared on is
+    // switched to the log: a damaged one is left as it was found.
+    UseWriteAheadLog(raw);
+    // Read connections opened before belong to another file or connection.
+    m_ReaderGeneration.fetch_add(1, std::memory_order_acq_rel);
+    return true;
 }
 
-bool ZELKDAL::CheckWritable(sqlite3* db) {
-    if (sqlite3_db_readonly(db, "main") == 1) {
-        ZERROR("Database %s is read-only", m_DBPath.c_str());
-        return false;
+void ZELKDAL::UseWriteAheadLog(sqlite3* db) {
+    // With a write-ahead log, readers (the decision path's read connections,
+    // other processes) keep reading the last committed policy while a writer
+    // works, and a writer never waits for readers.  synchronous=NORMAL syncs
+    // the log at checkpoints rather than at every commit: a process that is
+    // killed loses nothing committed, a machine that loses power may lose the
+    // last commits but never gets a damaged or half-imported policy.  The
+    // import benchmark in bench/RESULTS.md gives the measured difference.
+    // A file system that cannot hold the log's shared memory keeps the old
+    // journal; everything still works, readers then wait for writers.
+    char* message = nullptr;
+    if (sqlite3_exec(db, "PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;", nullptr, nullptr,
+                     &message) != SQLITE_OK) {
+        ZWARNING("Write-ahead log not available for %s: %s", m_DBPath.c_str(),
+                 message != nullptr ? message : "");
     }
-    std::string dir = ".";
-    size_t slash = m_DBPath.rfind('/');
-    if (slash != std::string::npos) {
-        dir = slash == 0 ? "/" : m_DBPath.substr(0, slash);
-    }
-    if (faccessat(AT_FDCWD, dir.c_str(), W_OK, AT_EACCESS) != 0) {
-        ZERROR("Database folder %s is not writable. Errno: %d", dir.c_str(), errno);
-        return false;
-    }
-    return true;
+    sqlite3_free(message);
 }
 
 bool ZELKDAL::RunSchemaScripts(size_t first, const char* failure) {
@@ -400,27 +401,28 @@ bool ZELKDAL::RunSchemaScripts(size_t first, const char* failure) {
 }
 
 void ZELKDAL::Finalize() {
+    // The decision path's connections go first; each reopens at its next use
+    // once the store is open again.
+    CloseReaders();
+    m_ReaderGeneration.fetch_add(1, std::memory_order_acq_rel);
     size_t count = 0;
     const StatementSlot* slots = StatementSlots(count);
     for (size_t i = 0; i < count; ++i) {
+        // A holder that is not set is not the only owner of anything: it is
+        // reported as ignored, like one that another thread still holds.
         StmtHolder& holder = this->*(slots[i].member);
-        if (!holder) {
-            continue;
-        }
-        if (holder.use_count() == 1) {
+        if (holder && holder.use_count() == 1) {
             std::atomic_store(&holder, StmtHolder());
             ZERROR("Finalize %s", slots[i].name);
         } else {
             ZERROR("ignore Finalize %s", slots[i].name);
         }
     }
-    if (m_DB) {
-        if (m_DB.use_count() == 1) {
-            std::atomic_store(&m_DB, DBHolder());
-            ZERROR("Finalize m_DB");
-        } else {
-            ZERROR("ignore Finalize m_DB");
-        }
+    if (m_DB && m_DB.use_count() == 1) {
+        std::atomic_store(&m_DB, DBHolder());
+        ZERROR("Finalize m_DB");
+    } else {
+        ZERROR("ignore Finalize m_DB");
     }
 }
 
@@ -430,6 +432,8 @@ void ZELKDAL::FlushPendingWrites() {
     StoreItemFlush();
     StoreTrustRuleFlush();
     StoreUserListFlush();
+    std::lock_guard<std::mutex> lock(m_DataMutex);
+    WritePendingHitCountsLocked();
 }
 
 void ZELKDAL::ShutdownDAL() {
@@ -443,6 +447,10 @@ void ZELKDAL::ShutdownDAL() {
 bool ZELKDAL::_DeleteDB() {
     ZTRACE("Attempting to delete database file at %s", m_DBPath.c_str());
     Finalize();
+    // The write-ahead log and its index belong to the file and go with it.
+    for (const char* suffix : {"-wal", "-shm"}) {
+        remove((m_DBPath + suffix).c_str());
+    }
     if (remove(m_DBPath.c_str()) == 0) {
         ZTRACE("Successfully deleted database file");
         return true;
@@ -453,21 +461,14 @@ bool ZELKDAL::_DeleteDB() {
 }
 
 bool ZELKDAL::DeleteDB() {
-    bool result;
-    {
-        DataLock lock(*this, "DeleteDB");
-        result = _DeleteDB();
-    }
-    m_TrustRulesPresent.store(false, std::memory_order_release);
-    m_MD5RuleCount.store(0, std::memory_order_release);
-    m_SHA1RuleCount.store(0, std::memory_order_release);
-    return result;
+    DataLock lock(*this, "DeleteDB");
+    return _DeleteDB();
 }
 
 bool ZELKDAL::PurgeDB(DALSource source) {
     // Runs under the data mutex; the statements it may re-prepare are the
     // store's own, so no other lock is needed.
-    auto purge = [&]() -> bool {
+    auto purge = [&, zelkLogFunction_ = __func__]() -> bool {
         char sql[128];
         if (source == DAL_SOURCE_TRUST_RULES) {
             snprintf(sql, sizeof(sql), "%s", "DELETE FROM TrustRules; DELETE FROM UserList;");
@@ -509,7 +510,11 @@ bool ZELKDAL::PurgeDB(DALSource source) {
             result = false;
         }
         ZTRACE("Vacuuming");
-        if (sqlite3_exec(db.get(), "VACUUM;", nullptr, nullptr, nullptr) != SQLITE_OK) {
+        // Inside a ruleset import the purge is part of the import's
+        // transaction, where VACUUM cannot run; the pages it frees are
+        // reused by the rules the import stores next.
+        if (!m_InImport &&
+            sqlite3_exec(db.get(), "VACUUM;", nullptr, nullptr, nullptr) != SQLITE_OK) {
             ZERROR("VACUUM failed: %s", GetLastDBErrorString().c_str());
             result = false;
         }
@@ -517,13 +522,19 @@ bool ZELKDAL::PurgeDB(DALSource source) {
     };
 
     bool result;
+    bool reloadTrustRules;
     {
         ZTRACE("PurgeDB lock");
         std::lock_guard<std::mutex> lock(m_DataMutex);
         result = purge();
+        // An import reloads the trust rules itself once it has committed.
+        reloadTrustRules =
+            !m_InImport && (source == DAL_SOURCE_ALL || source == DAL_SOURCE_TRUST_RULES);
         ZTRACE("Returning from PurgeDB with retval %d unlock", result ? 1 : 0);
     }
-    RefreshRuleSummaries();
+    if (reloadTrustRules) {
+        TrustRulesChanged();
+    }
     return result;
 }
 
@@ -672,18 +683,22 @@ bool ZELKDAL::CountRows(const StmtHolder& holder, const char* name, int64_t& cou
 
 void ZELKDAL::RefreshRuleSummaries() {
     int64_t trustRules = 0;
-    int64_t md5 = 0;
-    int64_t sha1 = 0;
     if (!CountRows(m_pLookupTrustRuleCountStmt, "LookupTrustRuleCount", trustRules)) {
         trustRules = 0;
     }
+    m_TrustRulesPresent.store(trustRules > 0, std::memory_order_release);
+    RefreshDigestRuleCounts();
+}
+
+void ZELKDAL::RefreshDigestRuleCounts() {
+    int64_t md5 = 0;
+    int64_t sha1 = 0;
     if (!CountRows(m_pLookupMD5CountStmt, "LookupMD5Count", md5)) {
         md5 = 0;
     }
     if (!CountRows(m_pLookupSHA1CountStmt, "LookupSHA1Count", sha1)) {
         sha1 = 0;
     }
-    m_TrustRulesPresent.store(trustRules > 0, std::memory_order_release);
     m_MD5RuleCount.store(md5, std::memory_order_release);
     m_SHA1RuleCount.store(sha1, std::memory_order_release);
 }

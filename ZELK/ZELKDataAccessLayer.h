@@ -28,9 +28,12 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <unordered_map>
+#include <vector>
 
 #include "ZELKEvent.h"
 #include "ZELKRules.h"
+#include "ZELKTrustRuleIndex.h"
 #include "zelk.h"
 
 class ZELKDAL {
@@ -53,8 +56,7 @@ class ZELKDAL {
     // ---- Lifecycle -------------------------------------------------------
 
     // While closed: replaces the path (empty means "ac.db") and returns true.
-    // While open: true when `path` is the path already open (nothing to do),
-    // false for any other path, which is then ignored.
+    // While open: changes nothing and returns false, whatever the path.
     bool SetDBPath(const std::string& path);
     std::string GetDBPath() const;
     bool IsOpen() const;
@@ -106,13 +108,17 @@ class ZELKDAL {
 
     // ---- Rule-presence summaries -----------------------------------------
     // Cheap, lock-free answers that let lookups skip queries which cannot
-    // match.  Refreshed after every InitDB and PurgeDB; a ruleset import calls
-    // RefreshRuleSummaries itself.  A summary that cannot be counted reads as
-    // "nothing present".
+    // match.  InitDB counts all three after every open; a ruleset import sets
+    // the trust-rule flag by what it imports (set by a trust-rule document,
+    // cleared by a whole agent manifest) and recounts the digest rules.
+    // Purges and deletions leave them as they are.  A summary that cannot be
+    // counted reads as "nothing present".
     bool HasTrustRules() const { return m_TrustRulesPresent.load(std::memory_order_acquire); }
     int64_t GetMD5RuleCount() const { return m_MD5RuleCount.load(std::memory_order_acquire); }
     int64_t GetSHA1RuleCount() const { return m_SHA1RuleCount.load(std::memory_order_acquire); }
     void RefreshRuleSummaries();
+    // The MD5 and SHA-1 rule counts only.
+    void RefreshDigestRuleCounts();
 
     // ---- Allow lookup (ZELKDataAccessLayerLookup.cpp) --------------------
 
@@ -241,6 +247,8 @@ class ZELKDAL {
     class DataLock {
       public:
         DataLock(ZELKDAL& dal, const char* name, int line = __builtin_LINE());
+        // The same around another lock of the store (a read connection's).
+        DataLock(std::mutex& mutex, const char* name, int line = __builtin_LINE());
         ~DataLock();
         DataLock(const DataLock&) = delete;
         DataLock& operator=(const DataLock&) = delete;
@@ -271,9 +279,6 @@ class ZELKDAL {
     // Runs schema scripts [first, count); logs `failure` with the rc and
     // returns false at the first that fails.
     bool RunSchemaScripts(size_t first, const char* failure);
-    // Refuses a database SQLite could only open read-only, or whose folder we
-    // may not write (SQLite creates its journal there on the first write).
-    bool CheckWritable(sqlite3* db);
     // One "count(*)" statement; false when it is released or fails.
     bool CountRows(const StmtHolder& holder, const char* name, int64_t& count);
     // True when an exclude trust rule covers the item's path; logs
@@ -284,15 +289,80 @@ class ZELKDAL {
     // lists while the store is still open.
     void FlushPendingWrites();
 
-    // Allow-lookup internals; caller holds m_DataMutex.  The search runs the
-    // digest lookups in their fixed order and returns the statement of the
-    // last one it stepped (rc: SQLITE_ROW, SQLITE_DONE or an error), not yet
-    // reset; null when the lookup could not run.
-    StmtHolder IsAllowedInDBSearch(ac_event& event, int& rc);
-    // Checks on the current row of a "SELECT * FROM InventoryItems".
-    static bool IsAllowedInRuleSet(sqlite3_stmt* stmt);
-    static bool IsAllowedInDrift(sqlite3_stmt* stmt);
-    static bool IsAllowedInInventory(sqlite3_stmt* stmt);
+    // The statements one allow lookup runs, on one connection: the writer's
+    // own (members below, under m_DataMutex) or a read connection's.  A null
+    // statement is one that has been released.
+    struct LookupStatements {
+        sqlite3* db = nullptr;
+        sqlite3_stmt* ruleset = nullptr;  // LookupItemAuthRulesetSQL
+        sqlite3_stmt* sha1 = nullptr;     // LookupItemAlternateSHA1HashSQL
+        sqlite3_stmt* md5 = nullptr;      // LookupItemAlternateMD5HashSQL
+        sqlite3_stmt* all = nullptr;      // LookupItemAuthSQL
+        sqlite3_stmt* both = nullptr;     // read connections only: kLookupBySha256SQL
+    };
+    // One row found by a lookup: the columns the interpretation reads.
+    struct FoundRow {
+        int64_t id = 0;
+        int isAuthorized = 0;
+        int source = 0;
+        std::string ruleset;
+    };
+    static FoundRow RowOfSelectAll(sqlite3_stmt* stmt);
+    // A connection of its own for the decision path: it reads the last
+    // committed policy and never waits for the writer.  One per host thread;
+    // see ZELKDataAccessLayerRead.cpp.
+    struct ReadConnection;
+
+    // The lookup in its fixed order, on `set`, and the interpretation of the
+    // row found.  Logs as IsAllowedInDBInternal.
+    bool RunAllowLookup(const LookupStatements& set, ac_event& event);
+    // The digest lookups in their fixed order; true with `found` set (or
+    // not, `rc` SQLITE_DONE) when the lookup ran, false when it could not.
+    bool IsAllowedInDBSearch(const LookupStatements& set, ac_event& event, FoundRow& found,
+                             bool& hasRow);
+    // Checks on a row found by a lookup.
+    static bool IsAllowedInRuleSet(const FoundRow& row);
+    static bool IsAllowedInDrift(const FoundRow& row);
+    static bool IsAllowedInInventory(const FoundRow& row);
+
+    // The calling thread's read connection, open on the current file and
+    // locked for one lookup (logged as "<name> lock"/"<name> unlock"); an
+    // empty result when the store is closed or the file cannot be opened,
+    // and then the caller uses the writer under m_DataMutex.
+    class ReadLease;
+    std::shared_ptr<ReadConnection>& ThreadReader();
+    // Closes every read connection (Finalize); each reopens at its next use.
+    void CloseReaders();
+
+    // One ruleset import's transaction: imports one at a time, BEGIN
+    // IMMEDIATE on the writer, COMMIT when the import is done (ROLLBACK when
+    // it never gets there).  See ZELKDataAccessLayerImport.cpp.
+    class ImportTransaction {
+      public:
+        ImportTransaction(ZELKDAL& dal, const std::string& name);
+        ~ImportTransaction();
+        ImportTransaction(const ImportTransaction&) = delete;
+        ImportTransaction& operator=(const ImportTransaction&) = delete;
+        // Commits (with the hit counts counted meanwhile).
+        void Commit();
+
+      private:
+        void Finish(const char* sql);
+        ZELKDAL& m_Dal;
+        std::lock_guard<std::mutex> m_Import;  // m_ImportMutex, for the whole import
+        std::string m_Name;
+        bool m_Open = false;
+    };
+    // Reloads the trust-rule index after the engine changed the tables.
+    void TrustRulesChanged();
+    // The same; caller holds m_DataMutex and passes the writer.
+    void LoadTrustIndexLocked(sqlite3* db);
+    // The current index; reloaded when another connection changed the tables.
+    const ZELKTrustRuleIndex* CurrentTrustIndex(ReadConnection* reader);
+    // Writes the hit counts counted in memory; caller holds m_DataMutex.
+    void WritePendingHitCountsLocked();
+    // Switches a freshly opened writer to the write-ahead log.
+    void UseWriteAheadLog(sqlite3* db);
     // UpdatePrelinkItem under the mutex; `counter` gets the statistics key
     // to count once the mutex is released.
     bool UpdatePrelinkItemLocked(ac_event& event, const char*& counter);
@@ -356,6 +426,35 @@ class ZELKDAL {
     std::atomic<bool> m_TrustRulesPresent{false};
     std::atomic<int64_t> m_MD5RuleCount{0};
     std::atomic<int64_t> m_SHA1RuleCount{0};
+
+    // Ruleset imports.  m_ImportMutex keeps them one at a time for their
+    // whole run; m_InImport (guarded by m_DataMutex) tells purges inside an
+    // import that they run in its transaction.
+    std::mutex m_ImportMutex;
+    bool m_InImport = false;
+
+    // Read connections.  m_Readers (guarded by m_ReadersMutex) lists every
+    // thread's connection so Finalize can close them; each connection's own
+    // mutex is taken by its thread for a lookup and by CloseReaders.  The
+    // generation moves on whenever the writer opens or closes the file; a
+    // connection of an older generation reopens before its next lookup.
+    std::mutex m_ReadersMutex;
+    std::vector<std::shared_ptr<ReadConnection>> m_Readers;
+    std::atomic<uint64_t> m_ReaderGeneration{1};
+
+    // Trust rules in memory.  The current index is published through an
+    // atomic pointer and read without a lock; replaced indexes stay alive
+    // (m_RetiredTrustIndexes) until the store closes, since a decision may
+    // still be reading one.  m_TrustIndexMutex serialises reloads.
+    std::mutex m_TrustIndexMutex;
+    int64_t m_WriterDataVersion = -1;  // guarded by m_DataMutex
+    std::atomic<const ZELKTrustRuleIndex*> m_TrustIndex{nullptr};
+    std::vector<std::shared_ptr<const ZELKTrustRuleIndex>> m_RetiredTrustIndexes;
+
+    // Hit counts of trust rules counted by decisions, by rule id, not yet
+    // written.  Guarded by m_HitsMutex (held only to add or take them).
+    std::mutex m_HitsMutex;
+    std::unordered_map<int64_t, int64_t> m_PendingHits;
 };
 
 // SQL texts of the prepared statements (defined in ZELKDataAccessLayer.cpp).

@@ -188,6 +188,7 @@ bool ZELKDAL::GetItems(unsigned long fromItemId, unsigned long limit, unsigned s
     int64_t lastId = fromId;
     {
         DataLock lock(*this, "GetItems");
+        WritePendingHitCountsLocked();
         DBHolder db = DBHandle();
         if (!db) {
             ZERROR("GetItems: m_DB is released");
@@ -255,6 +256,7 @@ void ZELKDAL::PrepareMetrics(cJSON* trustRulesStats) {
         return;
     }
     DataLock lock(*this, "PrepareMetrics");
+    WritePendingHitCountsLocked();  // the document shows every hit counted so far
     StmtScope stmt(m_pMetricsLookupTrustRuleStmt);
     if (!stmt) {
         return;

@@ -6,6 +6,7 @@
 
 #include "ZELK.h"
 #include "ZELKDataAccessLayer.h"
+#include "ZELKDataAccessLayerRead.h"
 #include "ZELKFile.h"
 #include "ZELKLogger.h"
 #include "ZELKMatch.h"
@@ -18,13 +19,6 @@ constexpr int kColItemId = 0;
 constexpr int kColIsAuthorized = 9;
 constexpr int kColSource = 10;
 constexpr int kColRuleset = 11;
-
-// Columns of LookupTrustRuleSQL.
-constexpr int kColRuleId = 0;
-constexpr int kColRulePaths = 1;
-constexpr int kColRuleHitcount = 2;
-constexpr int kColRuleProcessName = 3;
-constexpr int kColRuleRuleset = 4;
 
 // event.isAuthorized as the lookup reports it.
 constexpr uint32_t kNotFound = 0;
@@ -67,64 +61,155 @@ int BindInt64ByName(sqlite3_stmt* stmt, const char* name, int64_t value) {
     return sqlite3_bind_int64(stmt, sqlite3_bind_parameter_index(stmt, name), value);
 }
 
-bool HasWildcard(const std::string& text) {
-    return text.find_first_of("*?") != std::string::npos;
-}
-
 }  // namespace
 
 // ---- Allow lookup -----------------------------------------------------------
 
 bool ZELKDAL::IsAllowedInDB(ac_event& event) {
+    // On the thread's read connection: the committed policy, without waiting
+    // for a writer.  The lock messages are those of the data mutex.
+    {
+        ReadLease lease(*this, "IsAllowedInDB");
+        if (ReadConnection* reader = lease.Reader()) {
+            return RunAllowLookup(reader->set, event);
+        }
+    }
+    // No read connection (the store is closed): the writer answers, with
+    // the messages of its released statements.
     DataLock lock(*this, "IsAllowedInDB");
     return IsAllowedInDBInternal(event);
 }
 
-ZELKDAL::StmtHolder ZELKDAL::IsAllowedInDBSearch(ac_event& event, int& rc) {
+bool ZELKDAL::IsAllowedInDBInternal(ac_event& event) {
+    // The writer's statements, held for the lookup so a concurrent Finalize
+    // cannot destroy them.
+    const StmtHolder ruleset = std::atomic_load(&m_pLookupItemAuthRulesetStmt);
+    const StmtHolder sha1 = std::atomic_load(&m_pLookupItemAlternateSHA1HashStmt);
+    const StmtHolder md5 = std::atomic_load(&m_pLookupItemAlternateMD5HashStmt);
+    const StmtHolder all = std::atomic_load(&m_pLookupItemAuthStmt);
+    const DBHolder db = DBHandle();
+    LookupStatements set;
+    set.db = db.get();
+    set.ruleset = ruleset.get();
+    set.sha1 = sha1.get();
+    set.md5 = md5.get();
+    set.all = all.get();
+    return RunAllowLookup(set, event);
+}
+
+// Reads the columns the interpretation needs from a "SELECT *" row.
+ZELKDAL::FoundRow ZELKDAL::RowOfSelectAll(sqlite3_stmt* stmt) {
+    ZELKDAL::FoundRow row;
+    row.id = sqlite3_column_int64(stmt, kColItemId);
+    row.isAuthorized = sqlite3_column_int(stmt, kColIsAuthorized);
+    row.source = sqlite3_column_int(stmt, kColSource);
+    row.ruleset = ColumnText(stmt, kColRuleset);
+    return row;
+}
+
+namespace {
+
+// The most rows of one digest the one-descent lookup reads before it leaves
+// the ruleset question to its own statement.
+constexpr int kRowsPerDigest = 16;
+
+}  // namespace
+
+bool ZELKDAL::IsAllowedInDBSearch(const LookupStatements& set, ac_event& event, FoundRow& found,
+                                  bool& hasRow) {
+    hasRow = false;
     // SHA-256 among the ruleset sources first: an administrator's rule beats
     // whatever the scan or drift recorded for the same file.
-    StmtHolder ruleset = std::atomic_load(&m_pLookupItemAuthRulesetStmt);
-    if (!ruleset) {
+    if (set.ruleset == nullptr) {
         ZERROR("m_pLookupItemAuthRulesetStmt is released");
         event.isAuthorized = kNotFound;
-        return StmtHolder();
+        return false;
     }
     if (!event.fileSha256.HasBytes()) {
         ZERROR("SHA256 value is empty, unable to create query");
-        return StmtHolder();
+        return false;
     }
-    sqlite3_stmt* stmt = ruleset.get();
-    if (BindInt64ByName(stmt, ":size", static_cast<int64_t>(event.size)) != SQLITE_OK ||
-        BindBlobByName(stmt, ":hash", event.fileSha256) != SQLITE_OK) {
-        ZWARNING("Unable to create query");
-        event.isAuthorized = kNotFound;
+
+    // Read connections answer the ruleset question and the question over
+    // all sources with one descent of the digest index: the newest row of
+    // the digest is the answer over all sources, the newest ruleset row the
+    // answer among rulesets.  Only a digest with more rows than
+    // kRowsPerDigest, or an error, takes the statement-by-statement road.
+    bool haveNewest = false, haveRuleset = false, decided = false;
+    FoundRow newest, rulesetRow;
+    if (set.both != nullptr) {
+        sqlite3_stmt* both = set.both;
+        if (BindInt64ByName(both, ":size", static_cast<int64_t>(event.size)) == SQLITE_OK &&
+            BindBlobByName(both, ":hash", event.fileSha256) == SQLITE_OK) {
+            int rc;
+            int rows = 0;
+            while (rows < kRowsPerDigest && (rc = sqlite3_step(both)) == SQLITE_ROW) {
+                ++rows;
+                FoundRow row;
+                row.id = sqlite3_column_int64(both, 0);
+                row.isAuthorized = sqlite3_column_int(both, 1);
+                row.source = sqlite3_column_int(both, 2);
+                if (!haveNewest || ((row.source == DAL_SOURCE_AGENT_RULES ||
+                                     row.source == DAL_SOURCE_EXECUTION_RULES) &&
+                                    !haveRuleset)) {
+                    row.ruleset = ColumnText(both, 3);
+                }
+                if (!haveNewest) {
+                    newest = row;
+                    haveNewest = true;
+                }
+                if (row.source == DAL_SOURCE_AGENT_RULES ||
+                    row.source == DAL_SOURCE_EXECUTION_RULES) {
+                    rulesetRow = std::move(row);
+                    haveRuleset = true;
+                    break;
+                }
+            }
+            decided = haveRuleset || (rows < kRowsPerDigest && rc == SQLITE_DONE);
+        }
+        ResetAndClear(both);
+    }
+    if (decided && haveRuleset) {
+        found = std::move(rulesetRow);
+        hasRow = true;
+        return true;
+    }
+    if (!decided) {
+        sqlite3_stmt* stmt = set.ruleset;
+        if (BindInt64ByName(stmt, ":size", static_cast<int64_t>(event.size)) != SQLITE_OK ||
+            BindBlobByName(stmt, ":hash", event.fileSha256) != SQLITE_OK) {
+            ZWARNING("Unable to create query");
+            event.isAuthorized = kNotFound;
+            ResetAndClear(stmt);
+            return false;
+        }
+        if (sqlite3_step(stmt) == SQLITE_ROW) {
+            found = RowOfSelectAll(stmt);
+            hasRow = true;
+            ResetAndClear(stmt);
+            return true;
+        }
         ResetAndClear(stmt);
-        return StmtHolder();
-    }
-    rc = sqlite3_step(stmt);
-    if (rc == SQLITE_ROW) {
-        return ruleset;
     }
     ZTRACE("Did not find sha256 match with source=2 or source=1. Checking for sha1 or md5 match");
-    ResetAndClear(stmt);
 
     // Rules that came without a SHA-256 can only be found by their older
     // digests; the counts skip these queries when no such rule exists.
     struct Alternate {
         int64_t count;
         const Hash& digest;
-        const StmtHolder& holder;
+        sqlite3_stmt* stmt;
         const char* countMessage;
         const char* releasedMessage;
         const char* bindName;
         const char* bindFailure;
     };
     const Alternate alternates[] = {
-        {GetSHA1RuleCount(), event.fileSha1, m_pLookupItemAlternateSHA1HashStmt,
-         "The number of sha1 rules is: %d", "m_pLookupItemAlternateSHA1HashStmt is released",
-         ":sha1", "Unable to create query from sha1"},
-        {GetMD5RuleCount(), event.fileMd5, m_pLookupItemAlternateMD5HashStmt,
-         "The number of md5 rules is: %d", "m_pLookupItemAlternateMD5HashStmt is released", ":md5",
+        {GetSHA1RuleCount(), event.fileSha1, set.sha1, "The number of sha1 rules is: %d",
+         "m_pLookupItemAlternateSHA1HashStmt is released", ":sha1",
+         "Unable to create query from sha1"},
+        {GetMD5RuleCount(), event.fileMd5, set.md5, "The number of md5 rules is: %d",
+         "m_pLookupItemAlternateMD5HashStmt is released", ":md5",
          "Unable to create query from md5"},
     };
     for (const Alternate& alt : alternates) {
@@ -132,95 +217,104 @@ ZELKDAL::StmtHolder ZELKDAL::IsAllowedInDBSearch(ac_event& event, int& rc) {
             continue;
         }
         ZTRACE(alt.countMessage, static_cast<int>(alt.count));
-        StmtHolder holder = std::atomic_load(&alt.holder);
-        if (!holder) {
+        if (alt.stmt == nullptr) {
             ZERROR("%s", alt.releasedMessage);
             event.isAuthorized = kNotFound;
-            return StmtHolder();
+            return false;
         }
-        if (BindBlobByName(holder.get(), alt.bindName, alt.digest) != SQLITE_OK) {
+        if (BindBlobByName(alt.stmt, alt.bindName, alt.digest) != SQLITE_OK) {
             ZWARNING("%s", alt.bindFailure);
             event.isAuthorized = kNotFound;
-            ResetAndClear(holder.get());
-            return StmtHolder();
+            ResetAndClear(alt.stmt);
+            return false;
         }
-        rc = sqlite3_step(holder.get());
-        if (rc == SQLITE_ROW) {
-            return holder;
+        const bool row = sqlite3_step(alt.stmt) == SQLITE_ROW;
+        if (row) {
+            found = RowOfSelectAll(alt.stmt);
         }
-        ResetAndClear(holder.get());
+        ResetAndClear(alt.stmt);
+        if (row) {
+            hasRow = true;
+            return true;
+        }
     }
     ZTRACE("Did not find item with source=2 or source=1.");
 
-    StmtHolder all = std::atomic_load(&m_pLookupItemAuthStmt);
-    if (!all) {
+    if (decided) {
+        // The one descent already read the newest row of the digest.
+        if (haveNewest) {
+            found = std::move(newest);
+            hasRow = true;
+        }
+        return true;
+    }
+    sqlite3_stmt* stmt = set.all;
+    if (stmt == nullptr) {
         ZERROR("m_pLookupItemAuthStmt is released");
         event.isAuthorized = kNotFound;
-        return StmtHolder();
+        return false;
     }
-    stmt = all.get();
     if (BindInt64ByName(stmt, ":size", static_cast<int64_t>(event.size)) != SQLITE_OK ||
         BindBlobByName(stmt, ":hash", event.fileSha256) != SQLITE_OK) {
         ZWARNING("Unable to create query");
         event.isAuthorized = kNotFound;
         ResetAndClear(stmt);
-        return StmtHolder();
-    }
-    rc = sqlite3_step(stmt);
-    return all;
-}
-
-bool ZELKDAL::IsAllowedInDBInternal(ac_event& event) {
-    int rc = SQLITE_OK;
-    StmtHolder holder = IsAllowedInDBSearch(event, rc);
-    if (!holder) {
         return false;
     }
-    sqlite3_stmt* stmt = holder.get();
-    ResetOnExit reset(stmt);
-    if (rc == SQLITE_DONE) {
+    const int rc = sqlite3_step(stmt);
+    if (rc == SQLITE_ROW) {
+        found = RowOfSelectAll(stmt);
+        hasRow = true;
+    }
+    ResetAndClear(stmt);
+    if (rc != SQLITE_ROW && rc != SQLITE_DONE) {
+        ZERROR("DAL Error%s\n", sqlite3_errstr(set.db != nullptr ? sqlite3_errcode(set.db) : -1));
+        return false;
+    }
+    return true;
+}
+
+bool ZELKDAL::RunAllowLookup(const LookupStatements& set, ac_event& event) {
+    // Messages carry the name of the lookup the store's callers know.
+    const char* const zelkLogFunction_ = "IsAllowedInDBInternal";
+    FoundRow row;
+    bool hasRow = false;
+    if (!IsAllowedInDBSearch(set, event, row, hasRow)) {
+        return false;
+    }
+    if (!hasRow) {
         event.isAuthorized = kNotFound;
         event.authorizedState = 0;
         ZTRACE("No results found in database");
         return true;
     }
-    while (rc == SQLITE_ROW) {
-        int source = sqlite3_column_int(stmt, kColSource);
-        int rowAuthorized = sqlite3_column_int(stmt, kColIsAuthorized);
-        ZTRACE("Found result in inventory with Source= %d and isAuthorized= %d.", source,
-               rowAuthorized);
-        if (source == DAL_SOURCE_AGENT_RULES) {
-            // The agent's own rules allow even when stored as not authorized.
-            event.isAuthorized = kAllowed;
-            event.authorizedState = kStateStoreAllowed;
-        } else if (source == DAL_SOURCE_EXECUTION_RULES) {
-            bool allowed = IsAllowedInRuleSet(stmt);
-            event.isAuthorized = allowed ? kAllowed : kRefused;
-            event.authorizedState = allowed ? kStateStoreAllowed : kStateStoreRefused;
-        } else if (source == DAL_SOURCE_SCANNED) {
-            // A refused scanned item still stays on the list when stored
-            // again: only the rebuild decides about it.
-            event.isAuthorized = IsAllowedInInventory(stmt) ? kAllowed : kRefused;
-            event.authorizedState = kStateStoreAllowed;
-        } else if (rowAuthorized != 0) {
-            event.isAuthorized = IsAllowedInDrift(stmt) ? kAllowed : kRefused;
-            event.authorizedState = kStateStoreAllowed;
-        }
-        event.source = static_cast<uint32_t>(source);
-        event.ruleset = ColumnText(stmt, kColRuleset);
-        rc = sqlite3_step(stmt);
+    ZTRACE("Found result in inventory with Source= %d and isAuthorized= %d.", row.source,
+           row.isAuthorized);
+    if (row.source == DAL_SOURCE_AGENT_RULES) {
+        // The agent's own rules allow even when stored as not authorized.
+        event.isAuthorized = kAllowed;
+        event.authorizedState = kStateStoreAllowed;
+    } else if (row.source == DAL_SOURCE_EXECUTION_RULES) {
+        bool allowed = IsAllowedInRuleSet(row);
+        event.isAuthorized = allowed ? kAllowed : kRefused;
+        event.authorizedState = allowed ? kStateStoreAllowed : kStateStoreRefused;
+    } else if (row.source == DAL_SOURCE_SCANNED) {
+        // A refused scanned item still stays on the list when stored
+        // again: only the rebuild decides about it.
+        event.isAuthorized = IsAllowedInInventory(row) ? kAllowed : kRefused;
+        event.authorizedState = kStateStoreAllowed;
+    } else if (row.isAuthorized != 0) {
+        event.isAuthorized = IsAllowedInDrift(row) ? kAllowed : kRefused;
+        event.authorizedState = kStateStoreAllowed;
     }
-    if (rc == SQLITE_DONE) {
-        return true;
-    }
-    DBHolder db = DBHandle();
-    ZERROR("DAL Error%s\n", sqlite3_errstr(db ? sqlite3_errcode(db.get()) : -1));
-    return false;
+    event.source = static_cast<uint32_t>(row.source);
+    event.ruleset = std::move(row.ruleset);
+    return true;
 }
 
-bool ZELKDAL::IsAllowedInRuleSet(sqlite3_stmt* stmt) {
+bool ZELKDAL::IsAllowedInRuleSet(const FoundRow& row) {
     ZTRACE("Checking %s\n", "IsAllowedInRuleSet");
-    uint64_t id = static_cast<uint64_t>(sqlite3_column_int64(stmt, kColItemId));
+    uint64_t id = static_cast<uint64_t>(row.id);
     int importState = config.GetImportState();
     switch (importState) {
         case 0:
@@ -241,30 +335,29 @@ bool ZELKDAL::IsAllowedInRuleSet(sqlite3_stmt* stmt) {
             ZERROR("Unsupported importState: %d\n", importState);
             return false;
     }
-    return sqlite3_column_int(stmt, kColIsAuthorized) != 0;
+    return row.isAuthorized != 0;
 }
 
-bool ZELKDAL::IsAllowedInDrift(sqlite3_stmt* stmt) {
+bool ZELKDAL::IsAllowedInDrift(const FoundRow& row) {
     ZTRACE("Checking %s\n", "IsAllowedInDrift");
     int rebuildState = config.GetRebuildState();
     if (rebuildState == 0 || rebuildState == 1) {
         return true;
     }
     if (rebuildState == 2) {
-        uint64_t id = static_cast<uint64_t>(sqlite3_column_int64(stmt, kColItemId));
-        return id > config.GetPreviousMaxInventoryItemId();
+        return static_cast<uint64_t>(row.id) > config.GetPreviousMaxInventoryItemId();
     }
     ZERROR("Unsupported rebuildState: %d\n", rebuildState);
     return false;
 }
 
-bool ZELKDAL::IsAllowedInInventory(sqlite3_stmt* stmt) {
+bool ZELKDAL::IsAllowedInInventory(const FoundRow& row) {
     ZTRACE("Checking if allowed in inventory!");
     int rebuildState = config.GetRebuildState();
     ZTRACE("Rebuild state: %d", rebuildState);
     // Read as 32 bits on purpose: the check has always compared the id this
     // way, and rows past 2^31 behave as they did before.
-    int32_t narrow = sqlite3_column_int(stmt, kColItemId);
+    int32_t narrow = static_cast<int32_t>(row.id);
     uint64_t id = static_cast<uint64_t>(static_cast<int64_t>(narrow));
     switch (rebuildState) {
         case 0:
@@ -390,89 +483,128 @@ bool ZELKDAL::IsFoundInTrustRules(unsigned trustType, ac_event& event) {
     if (!HasTrustRules()) {
         return false;
     }
-    DataLock lock(*this, "IsFoundInTrustRules");
-    StmtScope stmt(m_pLookupTrustRuleStmt);
-    if (!stmt) {
-        ZERROR("m_pLookupTrustRuleStmt is released");
-        return false;
-    }
-
     // A drift's trusted source is judged by the acting process; every other
     // type by the target file.
     const bool byProcess = trustType == DAL_TRUST_SOURCE_PROCESS;
-    const std::string& signer = byProcess ? event.processSignerName : event.fileSignerName;
-    const std::string& product = byProcess ? event.processProductName : event.fileProductName;
-    const std::string& company = byProcess ? event.processCompanyName : event.fileCompanyName;
-    const SHA256Hash& sha256 = byProcess ? event.processSha256 : event.fileSha256;
-    const std::string* issuer = byProcess ? event.processIssuer : event.fileIssuer;
-
-    auto bindText = [&stmt](const char* name, const std::string& value) {
-        return value.empty() ? stmt.BindNull(name) : stmt.BindText(name, value);
+    const ZELKTrustRuleIndex::Probe probe{
+        event.processName,
+        event.name,
+        event.user,
+        event.group,
+        byProcess ? event.processSignerName : event.fileSignerName,
+        byProcess ? event.processProductName : event.fileProductName,
+        byProcess ? event.processCompanyName : event.fileCompanyName,
+        byProcess ? event.processSha256 : event.fileSha256,
+        byProcess ? event.processIssuer : event.fileIssuer,
     };
-    int rc = stmt.BindText(":processName", event.processName);
-    rc |= stmt.BindInt64(":trustType", trustType);
-    rc |= bindText(":signerName", signer);
-    rc |= bindText(":productName", product);
-    rc |= bindText(":companyName", company);
-    rc |= sha256.HasBytes()
-              ? stmt.BindBlob(":sha256", sha256.Bytes(), static_cast<int>(sha256.Length()))
-              : stmt.BindNull(":sha256");
-    for (int i = 0; i < IssuerMetaArrayUtil::kCount; ++i) {
-        rc |= bindText(IssuerMetaArrayUtil::kBind[i], issuer[i]);
-    }
-    rc |= stmt.BindText(":procUser", event.user);
-    rc |= stmt.BindText(":procGroup", event.group);
-    if (rc != SQLITE_OK) {
-        ZWARNING("Unable to bind trust rule lookup: %s", GetLastDBErrorString().c_str());
-        return false;
-    }
-
     int64_t ruleId = 0;
-    int64_t hitcount = 0;
-    bool found = false;
-    while (!found && (rc = sqlite3_step(stmt.get())) == SQLITE_ROW) {
-        std::string ruleProcess = ColumnText(stmt.get(), kColRuleProcessName);
-        // The query lets every wildcard rule through; the pattern is tested
-        // here.
-        bool processMatches =
-            sqlite3_column_type(stmt.get(), kColRuleProcessName) == SQLITE_NULL ||
-            ruleProcess == event.processName ||
-            (HasWildcard(ruleProcess) && MatchFunction(event.processName, ruleProcess));
-        if (!processMatches) {
-            continue;
+    {
+        ReadLease lease(*this, "IsFoundInTrustRules");
+        ReadConnection* reader = lease.Reader();
+        const ZELKTrustRuleIndex* index = reader != nullptr ? CurrentTrustIndex(reader) : nullptr;
+        if (index == nullptr) {
+            ZERROR("m_pLookupTrustRuleStmt is released");
+            return false;
         }
-        std::string paths = ColumnText(stmt.get(), kColRulePaths);
-        if (!paths.empty() && !MatchEventPathWithRulePath(event.name, paths)) {
-            continue;
+        const ZELKTrustRuleIndex::Rule* rule = index->Find(trustType, probe);
+        if (rule == nullptr) {
+            return false;
         }
-        found = true;
-        ruleId = sqlite3_column_int64(stmt.get(), kColRuleId);
-        hitcount = sqlite3_column_int64(stmt.get(), kColRuleHitcount);
+        ruleId = rule->id;
         event.trustMatch = 4;
-        event.ruleset = ColumnText(stmt.get(), kColRuleRuleset);
+        event.ruleset = rule->rulesetText;
         ZTRACE("Trust rule %lld (type %u, process '%s', paths '%s', ruleset '%s') matched %s",
-               static_cast<long long>(ruleId), trustType, ruleProcess.c_str(), paths.c_str(),
-               event.ruleset.c_str(), event.name.c_str());
+               static_cast<long long>(rule->id), trustType, rule->processText.c_str(),
+               rule->pathsText.c_str(), event.ruleset.c_str(), event.name.c_str());
     }
-    if (!found) {
-        if (rc != SQLITE_DONE) {
-            ZERROR("DAL Error%s\n", GetLastDBErrorString().c_str());
-        }
-        return false;
-    }
-    // The lookup must be finished before its table is written.
-    sqlite3_reset(stmt.get());
-
-    StmtScope update(m_pUpdateTrustRuleHitcountStmt);
-    if (!update) {
-        ZERROR("m_pUpdateTrustRuleHitcountStmt is released");
-        return true;
-    }
-    update.BindInt64(":hitcount", hitcount + 1);
-    update.BindInt64(":trustRuleId", ruleId);
-    if (sqlite3_step(update.get()) != SQLITE_DONE) {
-        ZWARNING("Unable to update hitcount of trust rule %lld: %s", static_cast<long long>(ruleId),
-                 GetLastDBErrorString().c_str());
-    }
+    // Counted in memory and written with the store's next write, so a
+    // decision never waits for the writer (an import may hold it).
+    std::lock_guard<std::mutex> lock(m_HitsMutex);
+    ++m_PendingHits[ruleId];
     return true;
+}
+
+const ZELKTrustRuleIndex* ZELKDAL::CurrentTrustIndex(ReadConnection* reader) {
+    const ZELKTrustRuleIndex* index = m_TrustIndex.load(std::memory_order_acquire);
+    if (index != nullptr && !reader->Changed()) {
+        return index;
+    }
+    // Some connection committed since this reader last looked.  The writer's
+    // own view tells whether it was another one (a host or an administrator
+    // writing the tables behind the engine's back): its data version moves
+    // only for other connections' commits.  A busy writer is not waited for;
+    // the reader then asks again at its next lookup.
+    std::unique_lock<std::mutex> lock(m_DataMutex, std::try_to_lock);
+    if (!lock.owns_lock()) {
+        reader->Forget();
+        return index;
+    }
+    DBHolder db = DBHandle();
+    if (!db) {
+        return index;
+    }
+    int64_t version = -1;
+    {
+        sqlite3_stmt* raw = nullptr;
+        if (sqlite3_prepare_v2(db.get(), "PRAGMA data_version;", -1, &raw, nullptr) == SQLITE_OK &&
+            sqlite3_step(raw) == SQLITE_ROW) {
+            version = sqlite3_column_int64(raw, 0);
+        }
+        sqlite3_finalize(raw);
+    }
+    if (index != nullptr && version == m_WriterDataVersion) {
+        return index;
+    }
+    m_WriterDataVersion = version;
+    LoadTrustIndexLocked(db.get());
+    return m_TrustIndex.load(std::memory_order_acquire);
+}
+
+void ZELKDAL::TrustRulesChanged() {
+    std::lock_guard<std::mutex> lock(m_DataMutex);
+    if (DBHolder db = DBHandle()) {
+        LoadTrustIndexLocked(db.get());
+    }
+}
+
+void ZELKDAL::LoadTrustIndexLocked(sqlite3* db) {
+    std::string error;
+    std::shared_ptr<const ZELKTrustRuleIndex> index = ZELKTrustRuleIndex::Load(db, error);
+    if (!index) {
+        ZERROR("Unable to read the trust rules: %s", error.c_str());
+        return;
+    }
+    std::lock_guard<std::mutex> lock(m_TrustIndexMutex);
+    m_RetiredTrustIndexes.push_back(index);
+    m_TrustIndex.store(index.get(), std::memory_order_release);
+}
+
+void ZELKDAL::WritePendingHitCountsLocked() {
+    std::unordered_map<int64_t, int64_t> hits;
+    {
+        std::lock_guard<std::mutex> lock(m_HitsMutex);
+        hits.swap(m_PendingHits);
+    }
+    DBHolder db = DBHandle();
+    if (hits.empty() || !db) {
+        return;
+    }
+    sqlite3_stmt* raw = nullptr;
+    if (sqlite3_prepare_v2(db.get(),
+                           "UPDATE TrustRules SET hitcount = hitcount + :hits WHERE "
+                           "(trustRuleId = :trustRuleId) ;",
+                           -1, &raw, nullptr) != SQLITE_OK) {
+        sqlite3_finalize(raw);
+        return;
+    }
+    for (const auto& [id, count] : hits) {
+        BindInt64ByName(raw, ":hits", count);
+        BindInt64ByName(raw, ":trustRuleId", id);
+        if (sqlite3_step(raw) != SQLITE_DONE) {
+            ZWARNING("Unable to update hitcount of trust rule %lld: %s", static_cast<long long>(id),
+                     GetLastDBErrorString().c_str());
+        }
+        ResetAndClear(raw);
+    }
+    sqlite3_finalize(raw);
 }

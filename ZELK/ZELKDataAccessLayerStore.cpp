@@ -49,6 +49,8 @@ bool StepInsert(sqlite3_stmt* stmt) {
 
 template <typename Record, typename Store>
 bool ZELKDAL::FlushQueueInternal(std::deque<Record>& queue, const char* name, Store store) {
+    // Messages of the flush carry the name of the flush that called it.
+    const char* const zelkLogFunction_ = name;
     if (queue.empty()) {
         return false;
     }
@@ -58,29 +60,32 @@ bool ZELKDAL::FlushQueueInternal(std::deque<Record>& queue, const char* name, St
         ZERROR("m_DB is released");
         return false;
     }
-    // Nothing was attempted yet: the queue stays for the next flush.
-    if (!Exec(db.get(), "BEGIN TRANSACTION")) {
+    // A savepoint, not a transaction of its own: inside a ruleset import the
+    // batch joins the import's transaction (and becomes visible with it);
+    // elsewhere the savepoint is the transaction.  Either way a failing
+    // batch is undone alone.
+    if (!Exec(db.get(), "SAVEPOINT zelk_batch")) {
         return false;
     }
     const size_t count = queue.size();
     bool ok = true;
     while (!queue.empty()) {
         if (ok && !store(queue.front())) {
-            ok = false;
+            ok = false;  // the rest is dropped with the batch
         }
         queue.pop_front();
     }
-    if (ok && Exec(db.get(), "END TRANSACTION")) {
+    if (ok && Exec(db.get(), "RELEASE zelk_batch")) {
         return true;
     }
-    if (!sqlite3_get_autocommit(db.get())) {
-        Exec(db.get(), "ROLLBACK");
-    }
+    Exec(db.get(), "ROLLBACK TO zelk_batch");
+    Exec(db.get(), "RELEASE zelk_batch");
     ZERROR("%s: batch of %d records rolled back and dropped", name, static_cast<int>(count));
     return false;
 }
 
 bool ZELKDAL::StoreItemFlushInternal() {
+    WritePendingHitCountsLocked();
     // One borrow of the statement for the whole batch; InsertItemRow resets
     // it after every row.
     StmtScope stmt(m_pInsertItemStmt);
@@ -207,6 +212,7 @@ bool ZELKDAL::StoreItem(ac_event& event) {
         return false;
     }
     DataLock lock(*this, "StoreItem");
+    WritePendingHitCountsLocked();
     return StoreItemInternal(event);
 }
 
@@ -356,9 +362,10 @@ bool ZELKDAL::DeleteInventoryItems(ac_event& event) {
         deleted = sqlite3_changes(db.get());
         ZTRACE("Deleted %d rows", deleted);
     }
-    for (int i = 0; i < deleted; ++i) {
-        ZELKStats::GetStats().Inc("TotalDeletedEvents");
-    }
+    // Read and set, not incremented: a deletion of no rows still creates the
+    // counter (with 0).
+    ZELKStats& stats = ZELKStats::GetStats();
+    stats.Set("TotalDeletedEvents", stats.Get("TotalDeletedEvents") + deleted);
     return true;
 }
 

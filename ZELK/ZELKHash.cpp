@@ -1,5 +1,6 @@
 #include "ZELKHash.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace {
@@ -61,15 +62,19 @@ void Hash::ToHex(const unsigned char* bytes, size_t length, std::string& out) {
     }
 }
 
+void Hash::FromHex(const std::string& text, unsigned char* out, size_t length) {
+    memset(out, 0, length);
+    const size_t pairs = std::min<size_t>(text.size() / 2, length);
+    for (size_t i = 0; i < pairs; ++i) {
+        out[i] = static_cast<unsigned char>(HexValue(text[2 * i]) * 16 + HexValue(text[2 * i + 1]));
+    }
+}
+
 void SHA256Hash::SetHash(std::string hexText) {
     m_Length = SHA256;
     m_Bytes.reset(new unsigned char[SHA256]());
     m_Text = std::move(hexText);
-    const size_t pairs = std::min<size_t>(m_Text.size() / 2, SHA256);
-    for (size_t i = 0; i < pairs; ++i) {
-        m_Bytes[i] =
-            static_cast<unsigned char>(HexValue(m_Text[2 * i]) * 16 + HexValue(m_Text[2 * i + 1]));
-    }
+    FromHex(m_Text, m_Bytes.get(), SHA256);
 }
 
 void SHA256Hash::SetHash(const char* bytes) {

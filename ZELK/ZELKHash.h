@@ -33,6 +33,11 @@ class Hash {
 
     // Writes `length` bytes as lowercase hex into `out` (two digits a byte).
     static void ToHex(const unsigned char* bytes, size_t length, std::string& out);
+    // Decodes hex text into `length` bytes, as SetHash(std::string) does: a
+    // byte per pair of characters from the start, bytes without a pair left
+    // 0, characters past `length` bytes ignored, and a character that is not
+    // a hex digit read through the same fixed table (never rejected).
+    static void FromHex(const std::string& text, unsigned char* out, size_t length);
 
   protected:
     // Replaces the digest with `length` bytes copied from `bytes`.

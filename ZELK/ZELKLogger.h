@@ -77,14 +77,25 @@ class ZELKLogger {
     std::atomic<Callback> m_Callback{nullptr};
 };
 
+// The function name a message carries.  It is the calling function's
+// __func__, except inside a lambda, whose __func__ is "operator()": a lambda
+// that logs on behalf of its enclosing function declares that function's name
+// as `zelkLogFunction_` (a parameter written ZELK_LOG_FUNCTION, or an
+// init-capture), which hides this null default.  The exception guard of the
+// exported functions passes each body its function's name that way, so every
+// message of an exported function names the function the host called.
+constexpr const char* zelkLogFunction_ = nullptr;
+#define ZELK_LOG_FUNCTION const char* zelkLogFunction_
+
 // Every source file defines ZELK_LOG_FILE (the module text the host sees, e.g.
 // "ZELK/ZELKQuery") before including this header.  The macros supply the
 // function name and line and cost one mask test when the level is off.
-#define ZELK_LOG(level, ...)                                                          \
-    do {                                                                              \
-        ZELKLogger& zelkLogger_ = ZELKLogger::GetInstance();                          \
-        if (zelkLogger_.IsEnabled(level))                                             \
-            zelkLogger_.Log((level), __func__, ZELK_LOG_FILE, __LINE__, __VA_ARGS__); \
+#define ZELK_LOG(level, ...)                                                         \
+    do {                                                                             \
+        ZELKLogger& zelkLogger_ = ZELKLogger::GetInstance();                         \
+        if (zelkLogger_.IsEnabled(level))                                            \
+            zelkLogger_.Log((level), zelkLogFunction_ ? zelkLogFunction_ : __func__, \
+                            ZELK_LOG_FILE, __LINE__, __VA_ARGS__);                   \
     } while (0)
 
 #define ZTRACE(...) ZELK_LOG(ZLOG_TRACE, __VA_ARGS__)

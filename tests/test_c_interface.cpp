@@ -43,7 +43,12 @@ TEST(CInterface, StartStopAndArgumentChecksWhileRunning) {
     const std::string db = zelktest::ScratchDir() + "/ac.db";
     ac_engine_start_s start = zelktest::StartRecord(db);
     ASSERT_EQ(engine_start(&start), ZELK_STATUS_SUCCESS);
-    EXPECT_EQ(engine_start(&start), ZELK_STATUS_SUCCESS) << "a second start keeps the engine";
+    // A database path while the store is open is refused, even the same one;
+    // without a path a second start keeps the engine and its store.
+    EXPECT_EQ(engine_start(&start), ZELK_STATUS_BAD_PATH);
+    ac_engine_start_s noPath = start;
+    noPath.dbPath = nullptr;
+    EXPECT_EQ(engine_start(&noPath), ZELK_STATUS_SUCCESS) << "a second start keeps the engine";
     EXPECT_TRUE(LogCapture::Get().Contains("ZELK Logging already initialized!"));
 
     ac_db_item_s item;

@@ -288,6 +288,8 @@ TEST(DalTrustLookup, WildcardsUsersGroupsListsAndHitcounts) {
         EXPECT_EQ(e.trustMatch, found ? 4u : 0u);
         EXPECT_EQ(e.ruleset, c.ruleset != nullptr ? c.ruleset : "");
     }
+    // Hit counts are counted in memory and written with the store's next write.
+    dal.StoreItemFlush();
     EXPECT_EQ(db.Column("SELECT ruleset || '=' || hitcount FROM TrustRules ORDER BY trustRuleId;"),
               (std::vector<std::string>{"build=2", "user=1", "group=1", "list=1", "signer=2"}));
     // Empty texts were stored as NULL ("any").

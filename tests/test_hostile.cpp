@@ -14,6 +14,7 @@
 
 #include "DbTestUtil.h"
 #include "TestUtil.h"
+#include "ZELKDataAccessLayer.h"
 #include "zelk.h"
 
 namespace {
@@ -44,14 +45,20 @@ TEST(Hostile, DamagedDatabaseFilesAreRefusedAndKept) {
     zelktest::Db(dropped).Exec("DROP TABLE TrustRules;");
 
     const std::pair<std::string, std::string> cases[] = {
-        {truncated, truncated + " is not a usable database"},
-        {dropped, "no such table: TrustRules"}};
+        {truncated, "failed. rc: "}, {dropped, "sqlite3_prepare_v2 failed. rc: 1"}};
     for (const auto& [path, logged] : cases) {
         SCOPED_TRACE(path);
         const std::string before = zelktest::ReadFile(path);
         EXPECT_EQ(Start(path), ZELK_STATUS_DB_INIT_FAILED);
         EXPECT_EQ(zelktest::ReadFile(path), before);
         EXPECT_GT(zelktest::LogCapture::Get().CountContaining(logged), 0u);
+        // A handle left open on a file that could not be read is closed by
+        // the next start without a path, which cannot prepare on it.
+        ac_engine_start_s noPath = zelktest::StartRecord(path);
+        noPath.dbPath = nullptr;
+        engine_start(&noPath);
+        EXPECT_FALSE(ZELKDAL::GetDAL().IsOpen());
+        EXPECT_EQ(zelktest::ReadFile(path), before);
     }
 }
 
@@ -145,11 +152,13 @@ TEST(Hostile, TenMillionElementRulesetWithinMemoryLimits) {
 #endif
     const std::string dir = zelktest::ScratchDir();
     const std::string db = dir + "/ac.db";
-    std::string huge = "{\"rules\":[{\"sha256\":\"" + std::string(64, 'b') + "\",\"size\":1}";
+    // One rule carrying ten million array elements: the parse is what costs.
+    std::string huge = "{\"rules\":[{\"sha256\":\"" + std::string(64, 'b') +
+                       "\",\"size\":1,\"junk\":[0";
     for (int i = 1; i < 10000000; ++i) {
         huge += ",0";
     }
-    huge += "]}";
+    huge += "]}]}";
     for (rlim_t limitMb : {256, 2048}) {
         SCOPED_TRACE(limitMb);
         ASSERT_EQ(Start(db), ZELK_STATUS_SUCCESS);

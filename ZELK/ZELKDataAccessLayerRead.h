@@ -1,0 +1,58 @@
+// The store's read connections (ZELKDataAccessLayerRead.cpp); internal to the
+// store's sources.
+#ifndef ZELK_ZELKDATAACCESSLAYERREAD_H_
+#define ZELK_ZELKDATAACCESSLAYERREAD_H_
+
+#include <sqlite3.h>
+
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "ZELKDataAccessLayer.h"
+
+// The allow lookup's one-descent statement on read connections.
+extern const char* const kLookupBySha256SQL;
+
+struct ZELKDAL::ReadConnection {
+    // Taken by the owning thread for one lookup, and by CloseReaders.
+    std::mutex mutex;
+    // Guarded by `mutex`.
+    LookupStatements set;                 // set.db null: closed
+    sqlite3_stmt* dataVersion = nullptr;  // "PRAGMA data_version;"
+    int64_t lastDataVersion = -1;
+    uint64_t generation = 0;  // of the file it was opened on
+
+    ReadConnection() = default;
+    ~ReadConnection();
+    ReadConnection(const ReadConnection&) = delete;
+    ReadConnection& operator=(const ReadConnection&) = delete;
+
+    void Close();
+    // Opens `path` (never creating it) and prepares the statements.
+    bool Open(const std::string& path, uint64_t openGeneration);
+    // True when another connection committed since the last call (or the
+    // version cannot be read).
+    bool Changed();
+    // Makes the next Changed() true again (a change seen but not handled).
+    void Forget() { lastDataVersion = -1; }
+};
+
+// The calling thread's read connection, locked for one lookup.
+class ZELKDAL::ReadLease {
+  public:
+    ReadLease(ZELKDAL& dal, const char* name);
+    ~ReadLease();
+    ReadLease(const ReadLease&) = delete;
+    ReadLease& operator=(const ReadLease&) = delete;
+
+    // Null when no read connection could be had (the store is closed, or the
+    // file cannot be opened): the caller then uses the writer.
+    ReadConnection* Reader() const { return m_Reader->set.db != nullptr ? m_Reader : nullptr; }
+
+  private:
+    ReadConnection* m_Reader;  // kept alive by the thread's own reference
+    std::optional<DataLock> m_Lock;
+};
+
+#endif  // ZELK_ZELKDATAACCESSLAYERREAD_H_
