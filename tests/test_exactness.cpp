@@ -134,3 +134,64 @@ TEST(Exactness, EveryExportedFunctionLogsUnderItsOwnName) {
 }
 
 }  // namespace
+
+namespace {
+
+long Counter(const char* key) {
+    unsigned size = 0;
+    get_metrics_mem(nullptr, &size);
+    std::vector<char> buffer(size);
+    EXPECT_EQ(get_metrics_mem(buffer.data(), &size), ZELK_STATUS_SUCCESS);
+    cJSON* doc = cJSON_Parse(buffer.data());
+    const cJSON* metrics = cJSON_GetObjectItemCaseSensitive(doc, "metrics");
+    const cJSON* item = cJSON_GetObjectItemCaseSensitive(metrics, key);
+    const long value = cJSON_IsNumber(item) ? static_cast<long>(item->valuedouble) : -1;
+    cJSON_Delete(doc);
+    return value;
+}
+
+TEST(Exactness, DeletionCounterIsReadAndSetEvenForNoRows) {
+    const std::string db = zelktest::ScratchDir() + "/ac.db";
+    ac_engine_start_s start = zelktest::StartRecord(db);
+    ASSERT_EQ(engine_start(&start), ZELK_STATUS_SUCCESS);
+    EXPECT_EQ(Counter("TotalDeletedEvents"), -1) << "no key before the first deletion";
+    ac_event event;
+    event.path = "/opt/app/";
+    event.fileName = "tool";
+    ASSERT_TRUE(ZELKDAL::GetDAL().DeleteInventoryItems(event));
+    EXPECT_EQ(Counter("TotalDeletedEvents"), 0) << "a deletion of no rows creates the key";
+    {
+        zelktest::Db handle(db);
+        for (const char* source : {"3", "4", "4", "2"}) {
+            handle.Exec(std::string("INSERT INTO InventoryItems(fileName, path, source) VALUES("
+                                    "'tool', '/opt/app/', ") +
+                        source + ");");
+        }
+    }
+    ASSERT_TRUE(ZELKDAL::GetDAL().DeleteInventoryItems(event));
+    EXPECT_EQ(Counter("TotalDeletedEvents"), 3);
+    engine_stop();
+}
+
+TEST(Exactness, FinalizeReportsUnsetHoldersAsIgnored) {
+    const std::string db = zelktest::ScratchDir() + "/ac.db";
+    ac_engine_start_s start = zelktest::StartRecord(db);
+    ASSERT_EQ(engine_start(&start), ZELK_STATUS_SUCCESS);
+    ASSERT_EQ(delete_db(), ZELK_STATUS_SUCCESS);
+    LogCapture::Get().Clear();
+    // The store is closed: every holder is unset, and none is the only owner.
+    EXPECT_EQ(engine_stop(), ZELK_STATUS_SUCCESS);
+    const std::vector<LogRecord> records = Take();
+    size_t ignored = 0;
+    for (const LogRecord& r : records) {
+        if (r.message.rfind("ignore Finalize ", 0) == 0) {
+            EXPECT_EQ(r.level, ZELK_LOG_ERROR) << r.message;
+            ++ignored;
+        }
+        EXPECT_NE(r.message.rfind("Finalize ", 0), 0u) << "nothing was released: " << r.message;
+    }
+    EXPECT_EQ(ignored, 22u);  // twenty-one statements and m_DB
+    EXPECT_EQ(Loggers(records, "ignore Finalize m_DB"), std::set<std::string>{"Finalize"});
+}
+
+}  // namespace
