@@ -2,19 +2,35 @@
 // inventory, the hash rulesets, the trust rules, the user lists and the
 // persisted engine settings.  This header declares the whole store; its
 // operations are spread over several sources:
-//   ZELKDataAccessLayer.cpp  open/upgrade/close, statements, settings, purge.
-// Later sources add the allow lookup, the item and rule stores, the ruleset
-// import, the trust-rule lookup and the export to the same class.
+//   ZELKDataAccessLayer.cpp        open/upgrade/close, statements, settings, purge
+//   ZELKDataAccessLayerRead.cpp    the decision path's read connections
+//   ZELKDataAccessLayerLookup.cpp  allow lookup, prelink update, trust-rule lookup
+//   ZELKDataAccessLayerStore.cpp   item, trust-rule and user-list stores
+//   ZELKDataAccessLayerImport.cpp  ruleset import and its transaction
+//   ZELKDataAccessLayerExport.cpp  export and the metrics sections
 //
-// Locking.  Two mutexes, never held together:
-//   m_DataMutex       every read or write of the database: settings, lookups,
-//                     stores, flushes, counts, DeleteDB, PurgeDB.  Operations
-//                     log "<name> lock" / "<name> unlock" around it (DataLock).
-//   m_LifecycleMutex  InitDB around _InitDB and ShutdownDAL around Finalize.
-// The connection and each prepared statement sit in reference-counted holders.
-// A user copies the holder (StmtScope, DBHandle) for as long as it works with
-// it, so a concurrent Finalize never destroys a statement in use: Finalize only
-// releases holders nobody else owns, the rest close with their last user.
+// Connections.  The file is in write-ahead-log mode.
+//   The writer (m_DB and the twenty-one m_p...Stmt statements) does every
+//   write and every read that is not on the decision path; it is used under
+//   m_DataMutex (or m_LifecycleMutex while opening and closing).
+//   Read connections (one per deciding thread, ReadConnection) answer the
+//   allow lookup; each is used under its own mutex, so decisions neither wait
+//   for the writer nor for each other, and they see only committed policy.
+//   The trust rules are held in memory (m_TrustIndex, read without a lock),
+//   reloaded through the writer when the engine or another process changed
+//   them; the hit counts decisions raise are kept in m_PendingHits
+//   (m_HitsMutex) and written through the writer with its next write.
+//
+// Locking.  m_DataMutex (the writer), m_LifecycleMutex (open and close),
+// m_ImportMutex (one import at a time, taken before m_DataMutex), the read
+// connections' own mutexes, m_ReadersMutex (the list of read connections),
+// m_TrustIndexMutex and m_HitsMutex (each held only for its own data).  The
+// data and lifecycle mutexes are never held together.  Operations log
+// "<name> lock" / "<name> unlock" around the data mutex, and around a read
+// connection's mutex where the lookup used to take the data mutex (DataLock).
+// The writer and each of its statements sit in reference-counted holders: a
+// user copies the holder (StmtScope, DBHandle) for as long as it works with
+// it, so a concurrent Finalize never destroys a statement in use.
 #ifndef ZELK_ZELKDATAACCESSLAYER_H_
 #define ZELK_ZELKDATAACCESSLAYER_H_
 

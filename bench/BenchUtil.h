@@ -245,6 +245,9 @@ struct Ratio {
     std::string counter;       // empty: real time per iteration; else a counter
     double target;             // 0: report only
     bool higherIsBetter;
+    // Wall-clock time instead of the thread's CPU time: anything that waits
+    // for the disk (fsync) must be measured this way.
+    bool wallTime = false;
 };
 
 class RatioReporter : public benchmark::ConsoleReporter {
@@ -271,10 +274,10 @@ class RatioReporter : public benchmark::ConsoleReporter {
             const auto& bases = m_Runs[ratio.baselineName];
             for (size_t i = 0; i < cases.size(); ++i) {
                 if (ratio.baselineName.empty()) {
-                    values.push_back(Metric(cases[i], ratio.counter));
+                    values.push_back(Metric(cases[i], ratio.counter, ratio.wallTime));
                 } else if (i < bases.size()) {
-                    values.push_back(Metric(cases[i], ratio.counter) /
-                                     Metric(bases[i], ratio.counter));
+                    values.push_back(Metric(cases[i], ratio.counter, ratio.wallTime) /
+                                     Metric(bases[i], ratio.counter, ratio.wallTime));
                 }
             }
             if (values.empty()) {
@@ -304,9 +307,9 @@ class RatioReporter : public benchmark::ConsoleReporter {
     }
 
   private:
-    static double Metric(const Run& run, const std::string& counter) {
+    static double Metric(const Run& run, const std::string& counter, bool wallTime) {
         if (counter.empty()) {
-            return run.GetAdjustedCPUTime();
+            return wallTime ? run.GetAdjustedRealTime() : run.GetAdjustedCPUTime();
         }
         auto it = run.counters.find(counter);
         return it == run.counters.end() ? 0.0 : static_cast<double>(it->second);

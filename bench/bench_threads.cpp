@@ -40,6 +40,36 @@ void BM_AppCtl_CacheHit(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations());
 }
 
+// Program starts decided by the inventory (100,000 rows), never by the cache:
+// each host thread decides on a read connection of its own.
+void BM_AppCtl_InventoryDecision(benchmark::State& state) {
+    static const std::string db = zelkbench::InventoryDb(100000);
+    static std::vector<zelkbench::HostEvent> shared = zelkbench::InventoryEvents(100000, 4096);
+    if (state.thread_index() == 0) {
+        zelkbench::UseDatabase(db);
+    }
+    std::vector<zelkbench::HostEvent> events = shared;
+    ac_wrapper_response_s response;
+    size_t i = static_cast<size_t>(state.thread_index()) * 97;
+    for (auto _ : state) {
+        zelkbench::HostEvent& e = events[i++ % events.size()];
+        app_ctl(e.Raw(ZELK_EVENT_EXEC_PRE, e.raw.size), &response);
+        if (response.action != ZELK_ACTION_ALLOW) {
+            state.SkipWithError("not allowed by the inventory");
+            break;
+        }
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+
+BENCHMARK(BM_AppCtl_InventoryDecision)
+    ->Threads(1)
+    ->Threads(2)
+    ->Threads(4)
+    ->Threads(8)
+    ->Threads(16)
+    ->UseRealTime();
+
 BENCHMARK(BM_AppCtl_CacheHit)
     ->Threads(1)
     ->Threads(2)
@@ -56,6 +86,12 @@ int main(int argc, char** argv) {
         {{"allow-cache hits, throughput 2 threads / 1 thread",
           "BM_AppCtl_CacheHit/real_time/threads:2", "BM_AppCtl_CacheHit/real_time/threads:1",
           "items_per_second", 1.7, true},
+         {"inventory decisions, throughput 2 threads / 1 thread",
+          "BM_AppCtl_InventoryDecision/real_time/threads:2",
+          "BM_AppCtl_InventoryDecision/real_time/threads:1", "items_per_second", 1.7, true},
+         {"inventory decisions, throughput 16 threads / 1 thread",
+          "BM_AppCtl_InventoryDecision/real_time/threads:16",
+          "BM_AppCtl_InventoryDecision/real_time/threads:1", "items_per_second", 0, true},
          {"allow-cache hits, throughput 16 threads / 1 thread",
           "BM_AppCtl_CacheHit/real_time/threads:16", "BM_AppCtl_CacheHit/real_time/threads:1",
           "items_per_second", 0, true}});
