@@ -14,6 +14,7 @@
 #include "ZELKDataAccessLayer.h"
 #include "ZELKMatch.h"
 #include "ZELKTrustRuleIndex.h"
+#include "zelk.h"
 
 namespace {
 
@@ -247,6 +248,40 @@ TEST(TrustRuleIndex, OddColumnValuesCompareAsSqliteCompares) {
     e.user = "bob";
     EXPECT_EQ(IndexLookup(*index, 3, e), ReferenceLookup(db, 3, e));
     sqlite3_close(db);
+}
+
+}  // namespace
+
+namespace {
+
+// A rule that another connection writes behind the engine's back is used at
+// the next decision, as the lookup statement over the table would use it.
+TEST(TrustRuleIndex, RulesWrittenByAnotherConnectionAreUsed) {
+    const std::string path = zelktest::ScratchDir() + "/ac.db";
+    ac_engine_start_s start = zelktest::StartRecord(path, ZELK_LOG_ERROR);
+    ASSERT_EQ(engine_start(&start), ZELK_STATUS_SUCCESS);
+    ASSERT_EQ(set_ruleset_buffer(false, R"({"Trustrules": [{"processName": "/bin/none",
+                                             "trustType": 2}]})",
+                                 "siteTrustRules"),
+              ZELK_STATUS_SUCCESS);
+    ac_event event;
+    event.processName = "/bin/sh";
+    event.name = "/opt/tool";
+    ZELKDAL& dal = ZELKDAL::GetDAL();
+    EXPECT_FALSE(dal.IsFoundInTrustRules(2, event));
+
+    zelktest::Db other(path);
+    other.Exec(
+        "INSERT INTO TrustRules(processName, paths, trustType, ruleset) "
+        "VALUES('/bin/sh', '/opt/', 2, 'behind');");
+    EXPECT_TRUE(dal.IsFoundInTrustRules(2, event));
+    EXPECT_EQ(event.ruleset, "behind");
+    other.Exec("DELETE FROM TrustRules WHERE ruleset = 'behind';");
+    ac_event again;
+    again.processName = "/bin/sh";
+    again.name = "/opt/tool";
+    EXPECT_FALSE(dal.IsFoundInTrustRules(2, again));
+    engine_stop();
 }
 
 }  // namespace
