@@ -100,8 +100,25 @@ void ZELKAllowCache::RaiseMaxDepth(uint64_t depth) {
     }
 }
 
+bool ZELKAllowCache::Contains(const std::string& user, const std::string& process,
+                              const std::string& target) {
+    ReadScope read(*this);
+    auto targetIt = m_Map.find(target);
+    if (targetIt == m_Map.end()) {
+        return false;
+    }
+    auto processIt = targetIt->second.find(process);
+    return processIt != targetIt->second.end() &&
+           processIt->second.find(user) != processIt->second.end();
+}
+
 void ZELKAllowCache::AddCacheNode(const std::string& user, const std::string& process,
                                   const std::string& target) {
+    // Most additions repeat a triple that is already there, which changes
+    // and counts nothing: a lookup answers that without the writer's lock.
+    if (Contains(user, process, target)) {
+        return;
+    }
     // The size is tested outside the lock and the flush takes it itself; two
     // threads may then both flush, which only costs a second empty flush.
     if (Size() > kMaxTargets - 1) {
@@ -113,6 +130,10 @@ void ZELKAllowCache::AddCacheNode(const std::string& user, const std::string& pr
 
 bool ZELKAllowCache::AddCacheNode(const std::string& user, const std::string& process,
                                   const std::string& target, uint64_t generation) {
+    if (generation == m_Generation.load(std::memory_order_acquire) &&
+        Contains(user, process, target)) {
+        return false;  // already there: nothing added
+    }
     if (Size() > kMaxTargets - 1) {
         FlushCache();
     }

@@ -111,6 +111,8 @@ class ZELKAllowCache {
     // Sum of one lookup counter over all slots.
     uint64_t SumSlots(Counter ReaderSlot::*counter) const;
     void RaiseMaxDepth(uint64_t depth);
+    // Presence of the triple, without counting; takes a ReadScope.
+    bool Contains(const std::string& user, const std::string& process, const std::string& target);
     // The insertion itself.  Caller holds a WriteScope.
     void AddLocked(const std::string& user, const std::string& process, const std::string& target);
     void PublishSize() { m_MapSize.store(m_Map.size(), std::memory_order_relaxed); }

@@ -254,6 +254,14 @@ ZELKDAL& ZELKDAL::GetDAL() {
     return dal;
 }
 
+ZELKDAL::ZELKDAL() {
+    // SQLite keeps allocation statistics under one process-wide mutex, which
+    // every thread's lookups would take for each allocation.  Nothing here
+    // reads those statistics.  This only takes effect when SQLite has not
+    // been initialised yet (a host that used it first keeps its settings).
+    sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
+}
+
 // Members release in reverse order: the statements before the connection.
 ZELKDAL::~ZELKDAL() = default;
 
@@ -379,6 +387,20 @@ void ZELKDAL::UseWriteAheadLog(sqlite3* db) {
                  message != nullptr ? message : "");
     }
     sqlite3_free(message);
+    // After each commit the read connections that sit idle end their read
+    // transactions, then the log is checkpointed as SQLite would by itself
+    // (this hook replaces its automatic one).
+    sqlite3_wal_hook(
+        db,
+        [](void* self, sqlite3* handle, const char* name, int frames) -> int {
+            static_cast<ZELKDAL*>(self)->ReleaseIdleReaders();
+            if (frames >= 1000) {
+                sqlite3_wal_checkpoint_v2(handle, name, SQLITE_CHECKPOINT_PASSIVE, nullptr,
+                                          nullptr);
+            }
+            return SQLITE_OK;
+        },
+        this);
 }
 
 bool ZELKDAL::RunSchemaScripts(size_t first, const char* failure) {

@@ -284,7 +284,7 @@ class ZELKDAL {
     // The twenty-one statements in the order Finalize releases them.
     static const StatementSlot* StatementSlots(size_t& count);
 
-    ZELKDAL() = default;
+    ZELKDAL();
     ~ZELKDAL();
 
     // The open/check/upgrade procedure.  Caller holds m_LifecycleMutex
@@ -349,6 +349,9 @@ class ZELKDAL {
     std::shared_ptr<ReadConnection>& ThreadReader();
     // Closes every read connection (Finalize); each reopens at its next use.
     void CloseReaders();
+    // Ends the read transactions of the read connections no lookup uses now;
+    // called after every commit of the writer.
+    void ReleaseIdleReaders();
 
     // One ruleset import's transaction: imports one at a time, BEGIN
     // IMMEDIATE on the writer, COMMIT when the import is done (ROLLBACK when

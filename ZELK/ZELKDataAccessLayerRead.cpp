@@ -13,8 +13,12 @@
 #define ZELK_LOG_FILE "ZELK/ZELKDataAccessLayer"
 #include "ZELKDataAccessLayerRead.h"
 
+#include <fcntl.h>
 #include <sqlite3.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
+#include <cstring>
 #include <string>
 
 #include "ZELKDataAccessLayer.h"
@@ -22,6 +26,11 @@
 
 // Every row of a SHA-256, the newest first: one descent of the digest index
 // answers both the lookup among ruleset rows and the one among all rows.
+namespace {
+// The index header lies in the first page of the -shm file.
+constexpr size_t kShmMapBytes = 4096;
+}  // namespace
+
 const char* const kLookupBySha256SQL =
     "SELECT inventoryItemId, isAuthorized, source, ruleset FROM InventoryItems WHERE sha256 = "
     ":hash and (size = 0 or size = :size) ORDER BY inventoryItemId DESC;";
@@ -31,6 +40,11 @@ ZELKDAL::ReadConnection::~ReadConnection() {
 }
 
 void ZELKDAL::ReadConnection::Close() {
+    EndRead();
+    if (shm != nullptr) {
+        munmap(const_cast<unsigned char*>(shm), kShmMapBytes);
+        shm = nullptr;
+    }
     for (sqlite3_stmt** stmt : {&set.ruleset, &set.sha1, &set.md5, &set.all, &set.both}) {
         sqlite3_finalize(*stmt);
         *stmt = nullptr;
@@ -57,6 +71,10 @@ bool ZELKDAL::ReadConnection::Open(const std::string& path, uint64_t openGenerat
     }
     set.db = db;
     sqlite3_busy_timeout(db, 5000);
+    // Lookups read the file through a memory map: a page is then a memory
+    // access instead of a pread system call, and threads do not queue in the
+    // kernel for the same file.  The map is address space, not memory.
+    sqlite3_exec(db, "PRAGMA mmap_size=1073741824;", nullptr, nullptr, nullptr);
     struct Prepared {
         sqlite3_stmt** stmt;
         const char* sql;
@@ -73,8 +91,45 @@ bool ZELKDAL::ReadConnection::Open(const std::string& path, uint64_t openGenerat
             return false;
         }
     }
+    // The log's index header tells, without a system call or a lock,
+    // whether anything was committed since this connection's read
+    // transaction began.  Without it every lookup is a transaction of its
+    // own, which is correct, only slower.
+    const int fd = open((path + "-shm").c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd >= 0) {
+        void* map = mmap(nullptr, kShmMapBytes, PROT_READ, MAP_SHARED, fd, 0);
+        close(fd);
+        if (map != MAP_FAILED) {
+            shm = static_cast<const volatile unsigned char*>(map);
+        }
+    }
     generation = openGeneration;
     return true;
+}
+
+void ZELKDAL::ReadConnection::Refresh() {
+    if (shm == nullptr || set.db == nullptr) {
+        return;
+    }
+    unsigned char now[kShmHeaderBytes];
+    for (size_t i = 0; i < kShmHeaderBytes; ++i) {
+        now[i] = shm[i];
+    }
+    if (inRead && memcmp(now, seen, sizeof(now)) == 0) {
+        return;  // nothing committed since: the open snapshot is the latest
+    }
+    EndRead();
+    // The header is copied before the transaction takes its snapshot: a
+    // commit in between makes the next lookup begin again, never miss it.
+    memcpy(seen, now, sizeof(now));
+    inRead = sqlite3_exec(set.db, "BEGIN", nullptr, nullptr, nullptr) == SQLITE_OK;
+}
+
+void ZELKDAL::ReadConnection::EndRead() {
+    if (inRead && set.db != nullptr) {
+        sqlite3_exec(set.db, "COMMIT", nullptr, nullptr, nullptr);
+    }
+    inRead = false;
 }
 
 bool ZELKDAL::ReadConnection::Changed() {
@@ -102,17 +157,31 @@ std::shared_ptr<ZELKDAL::ReadConnection>& ZELKDAL::ThreadReader() {
 ZELKDAL::ReadLease::ReadLease(ZELKDAL& dal, const char* name) : m_Reader(dal.ThreadReader().get()) {
     m_Lock.emplace(m_Reader->mutex, name);
     const uint64_t generation = dal.m_ReaderGeneration.load(std::memory_order_acquire);
-    if (m_Reader->set.db != nullptr && m_Reader->generation == generation) {
-        return;
+    if (m_Reader->set.db == nullptr || m_Reader->generation != generation) {
+        // The path only changes while the store is closed, and then no
+        // decision runs (engine_start and engine_stop do not overlap them).
+        if (!dal.IsOpen() || !m_Reader->Open(dal.GetDBPath(), generation)) {
+            m_Reader->Close();
+            return;
+        }
     }
-    // The path only changes while the store is closed, and then no
-    // decision runs (engine_start and engine_stop do not overlap them).
-    if (!dal.IsOpen() || !m_Reader->Open(dal.GetDBPath(), generation)) {
-        m_Reader->Close();
-    }
+    m_Reader->Refresh();
 }
 
 ZELKDAL::ReadLease::~ReadLease() = default;
+
+void ZELKDAL::ReleaseIdleReaders() {
+    // Readers busy with a lookup end their transaction soon by themselves
+    // (their next lookup sees this commit); idle ones are ended here, so an
+    // idle thread never holds the log back from being checkpointed.
+    std::lock_guard<std::mutex> lock(m_ReadersMutex);
+    for (const std::shared_ptr<ReadConnection>& reader : m_Readers) {
+        std::unique_lock<std::mutex> readerLock(reader->mutex, std::try_to_lock);
+        if (readerLock.owns_lock()) {
+            reader->EndRead();
+        }
+    }
+}
 
 void ZELKDAL::CloseReaders() {
     std::lock_guard<std::mutex> lock(m_ReadersMutex);

@@ -15,6 +15,10 @@
 extern const char* const kLookupBySha256SQL;
 
 struct ZELKDAL::ReadConnection {
+    // The first copy of the log index's header: any commit by any connection
+    // or process changes it.
+    static constexpr size_t kShmHeaderBytes = 48;
+
     // Taken by the owning thread for one lookup, and by CloseReaders.
     std::mutex mutex;
     // Guarded by `mutex`.
@@ -22,6 +26,11 @@ struct ZELKDAL::ReadConnection {
     sqlite3_stmt* dataVersion = nullptr;  // "PRAGMA data_version;"
     int64_t lastDataVersion = -1;
     uint64_t generation = 0;  // of the file it was opened on
+    // The write-ahead log's index header, mapped read-only, and the copy of
+    // it taken when the open read transaction began (see Refresh).
+    const volatile unsigned char* shm = nullptr;
+    unsigned char seen[kShmHeaderBytes] = {};
+    bool inRead = false;
 
     ReadConnection() = default;
     ~ReadConnection();
@@ -36,6 +45,12 @@ struct ZELKDAL::ReadConnection {
     bool Changed();
     // Makes the next Changed() true again (a change seen but not handled).
     void Forget() { lastDataVersion = -1; }
+    // Keeps a read transaction open across lookups and begins a new one only
+    // when a commit happened since the open one began, so a lookup costs no
+    // system call and no process-wide lock.
+    void Refresh();
+    // Ends the open read transaction, so the log can be checkpointed past it.
+    void EndRead();
 };
 
 // The calling thread's read connection, locked for one lookup.

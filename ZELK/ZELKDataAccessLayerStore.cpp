@@ -332,12 +332,12 @@ bool ZELKDAL::InsertItemRow(StmtScope& stmt, const ItemRow& row) {
 }
 
 bool ZELKDAL::DeleteInventoryItems(ac_event& event) {
-    // Rows may carry the directory with or without its trailing separator.
-    std::string path = event.path;
-    if (path.empty() || path.back() != '/') {
-        path += '/';
-    }
-    std::string path2 = path.substr(0, path.size() - 1);
+    // Rows may carry the directory with or without its trailing separator:
+    // the event's path (which ends in "/") and the same text cut at its last
+    // "/".
+    const std::string& path = event.path;
+    const size_t slash = path.rfind('/');
+    const std::string path2 = slash == std::string::npos ? path : path.substr(0, slash);
 
     int deleted = 0;
     {

@@ -31,6 +31,12 @@
 
 namespace zelkbench {
 
+// In a host the engine is the first to use SQLite and configures it (no
+// allocation statistics, which would put one process-wide mutex on every
+// allocation).  The benchmarks build their databases with SQLite before the
+// engine starts, so they configure it the same way before main().
+inline const int kSqliteConfigured = (sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0), 0);
+
 // <build>/bench-scratch/<name>, created when missing (never emptied here:
 // the large inventories are kept between runs, see InventoryDb).
 inline std::string ScratchDir(const std::string& name) {

@@ -58,11 +58,6 @@ void InsertItem(Db& db, int source, const std::string& fileName) {
         fileName + "', randomblob(32), 1, 1, " + std::to_string(source) + ", '');");
 }
 
-std::string Join(const std::vector<std::string>& parts) {
-    std::string out;
-    for (const std::string& p : parts) {
-        out += (out.empty() ? "" : ", ") + p;
-    }
     return out;
 }
 
