@@ -29,7 +29,7 @@ configure() {  # folder, cmake arguments...
 }
 
 # The concurrency tests are the ones whose names say so, and the stress test.
-concurrency_tests='Concurren|Stress'
+concurrency_tests='Concurren|Stress|AtomicImport.Readers|ManyThreads|ThreadsKeep'
 
 run_asan() {
     step "AddressSanitizer + UBSan, whole suite"
@@ -44,7 +44,7 @@ run_tsan() {
     step "ThreadSanitizer, concurrency tests"
     configure "$out/build-tsan" -DZELK_SANITIZE=thread
     cmake --build "$out/build-tsan" -j"$jobs" --target test_caches test_drift test_e2e test_query \
-        test_stress
+        test_stress test_atomic_import test_decision_path
     TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1" \
         ctest --test-dir "$out/build-tsan" --output-on-failure -j"$jobs" -R "$concurrency_tests"
 }
