@@ -190,6 +190,9 @@ class ZELKDAL {
     // exclusion test sees an event with the row's fields; the row is moved
     // into the queue.
     bool StoreItemBuffer(ItemRow&& row);
+    // StoreItemBuffer for each row in turn (the import's batches); `rows` is
+    // left empty.
+    void StoreItemBufferRows(std::vector<ItemRow>& rows);
     // Write the queue in one transaction; false when the queue was empty or
     // the batch failed (then rolled back: never half a batch).
     bool StoreItemFlush();

@@ -28,6 +28,7 @@
 #include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "ZELK.h"
 #include "ZELKDataAccessLayer.h"
@@ -39,6 +40,8 @@ namespace {
 
 // Ruleset counts live in statistics group 3, keyed by ruleset name.
 constexpr int kRulesetStats = 3;
+// Rows handed to the store's queue at a time.
+constexpr size_t kImportBatch = 1001;
 
 struct JsonDeleter {
     void operator()(cJSON* json) const { cJSON_Delete(json); }
@@ -121,15 +124,25 @@ void ImportHashRules(ZELK_LOG_FUNCTION, ZELKDAL& dal, const cJSON* root, const s
     ZTRACE("Importing item ruleset into db: %s", name.c_str());
     stats.SetType(kRulesetStats, name, 0);
     if (const cJSON* rules = GetArray(root, "rules")) {
+        // Rows go to the store's queue in batches (one hold of its mutex for
+        // each); the count is the number of elements, set once at the end.
+        std::vector<ZELKDAL::ItemRow> batch;
+        batch.reserve(kImportBatch);
+        long count = 0;
         const cJSON* element = nullptr;
         cJSON_ArrayForEach(element, rules) {
-            stats.IncType(kRulesetStats, name);
-            ZELKDAL::ItemRow row;
+            ++count;
+            batch.emplace_back();
+            ZELKDAL::ItemRow& row = batch.back();
             BuildHashRule(element, row);
             row.source = source;
             row.ruleset = name;
-            dal.StoreItemBuffer(std::move(row));
+            if (batch.size() == kImportBatch) {
+                dal.StoreItemBufferRows(batch);
+            }
         }
+        dal.StoreItemBufferRows(batch);
+        stats.SetType(kRulesetStats, name, count);
     }
     dal.StoreItemFlush();
 }

@@ -248,6 +248,26 @@ bool ZELKDAL::StoreItemBuffer(ItemRow&& row) {
     return true;
 }
 
+void ZELKDAL::StoreItemBufferRows(std::vector<ItemRow>& rows) {
+    // Row by row when each row has something to show (the exclusion test,
+    // the lock messages); otherwise the whole lot under one hold of the data
+    // mutex, flushing past 1000 queued rows exactly as row by row would.
+    if (HasTrustRules() || ZELKLogger::GetInstance().IsEnabled(ZLOG_TRACE)) {
+        for (ItemRow& row : rows) {
+            StoreItemBuffer(std::move(row));
+        }
+    } else {
+        std::lock_guard<std::mutex> lock(m_DataMutex);
+        for (ItemRow& row : rows) {
+            m_PendingItems.push_back(std::move(row));
+            if (m_PendingItems.size() > kMaxPendingItems) {
+                StoreItemFlushInternal();
+            }
+        }
+    }
+    rows.clear();
+}
+
 bool ZELKDAL::StoreItemFlush() {
     DataLock lock(*this, "StoreItemFlush");
     return StoreItemFlushInternal();

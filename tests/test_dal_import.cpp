@@ -58,9 +58,6 @@ void InsertItem(Db& db, int source, const std::string& fileName) {
         fileName + "', randomblob(32), 1, 1, " + std::to_string(source) + ", '');");
 }
 
-    return out;
-}
-
 }  // namespace
 
 TEST(DalImport, HashRulesetIsStoredAndFoundByDigestAndSize) {
