@@ -169,9 +169,11 @@ TEST_F(AgentTest, LockdownLogOnlyAndTheManifest) {
     Run({"--lockdown"}, {{other, 0}}, "agent manifest is not applied");
 
     // With the manifest the kernel refuses the unknown file; the known one
-    // runs, the second time with its digests from the cache.
-    Run({"--lockdown", "--ruleset", m_Manifest}, {{allowed, 0}, {other, EPERM}, {allowed, 0}},
-        "denied exec " + other);
+    // runs, the second time with its digests from the cache.  The documents
+    // given are the whole policy: the manifest replaces what a document of
+    // another kind brought before, so the ruleset is given again.
+    Run({"--lockdown", "--ruleset", m_Manifest, "--ruleset", AllowRuleset(allowed)},
+        {{allowed, 0}, {other, EPERM}, {allowed, 0}}, "denied exec " + other);
     EXPECT_TRUE(Logged("allowed 2, denied 1, errors 0"));
     EXPECT_TRUE(Logged("digest cache hits 1,"));
 }
@@ -253,4 +255,85 @@ TEST(HostKit, ProcessIdsAreTheRealOnesWithOrWithoutAPidfd) {
     close(pidfd);
     close(ready[0]);
     close(ready[1]);
+}
+
+namespace {
+
+// Runs zelkctl with `args`; its exit code, and its output in `out`.
+int Zelkctl(const std::string& args, std::string* out = nullptr) {
+    FILE* pipe = popen((std::string(ZELKCTL_PATH) + " " + args + " 2>&1").c_str(), "r");
+    std::string text;
+    char buffer[4096];
+    size_t n;
+    while ((n = fread(buffer, 1, sizeof(buffer), pipe)) > 0) {
+        text.append(buffer, n);
+    }
+    const int status = pclose(pipe);
+    if (out != nullptr) {
+        *out = text;
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+}  // namespace
+
+// The agent as a service: started from its configuration file with a policy
+// directory, asked over its control socket, reloaded by SIGHUP and by
+// `zelkctl agent reload`, and restarted without duplicating a rule.
+TEST_F(AgentTest, ServiceConfigPolicyDirectoryReloadAndControl) {
+    const std::string allowed = CopyTrue("allowed"), other = CopyTrue("other", "x");
+    const std::string policy = m_Dir + "/policy.d";
+    fs::create_directories(policy);
+    zelktest::WriteFile(policy + "/agent-manifest.json", "{\"rules\":[]}");
+    auto allow = [&](std::vector<std::string> files) {
+        std::string rules;
+        for (const std::string& file : files) {
+            hostkit::FileDigests d;
+            int err = 0;
+            EXPECT_TRUE(hostkit::DigestFile(file, d, err));
+            rules += std::string(rules.empty() ? "" : ",") + "{\"sha256\":\"" +
+                     hostkit::ToHex(d.sha256, 32) + "\",\"size\":" + std::to_string(d.size) +
+                     ",\"action\":\"allow\"}";
+        }
+        zelktest::WriteFile(policy + "/weekly.json", "{\"rules\":[" + rules + "]}");
+    };
+    allow({allowed});
+    const std::string socket = m_Dir + "/run/agent.sock";
+    const std::string conf = m_Dir + "/zelk-agent.conf";
+    zelktest::WriteFile(conf, "# test configuration\nmode = lockdown\npolicy_dir = " + policy +
+                                  "\nsocket = " + socket + "\n");
+    Start({"--config", conf});
+    const std::string ask = "agent --socket " + socket + " ";
+
+    std::string out;
+    EXPECT_EQ(Zelkctl(ask + "status --json", &out), 0) << out;
+    EXPECT_NE(out.find("\"mode\":\t\"lockdown\""), std::string::npos) << out;
+    EXPECT_NE(out.find("\"enforcing\":\ttrue"), std::string::npos) << out;
+    EXPECT_EQ(Exec(allowed), 0);
+    EXPECT_EQ(Exec(other), EPERM);
+    EXPECT_EQ(Zelkctl(ask + "check " + other, &out), 1) << out;
+    EXPECT_EQ(Zelkctl(ask + "check " + allowed, &out), 0) << out;
+
+    // SIGHUP: the changed document is imported again.
+    allow({allowed, other});
+    kill(m_Agent, SIGHUP);
+    WaitForLog("policy reloaded: changed weekly.json");
+    EXPECT_EQ(Exec(other), 0);
+    // And through the control socket.
+    allow({allowed});
+    EXPECT_EQ(Zelkctl(ask + "reload", &out), 0) << out;
+    EXPECT_NE(out.find("changed weekly.json"), std::string::npos) << out;
+    EXPECT_EQ(Zelkctl(ask + "check " + other, &out), 1) << out;
+    EXPECT_EQ(Zelkctl(ask + "metrics", &out), 0);
+    EXPECT_NE(out.find("AllowCache"), std::string::npos) << out;
+    Stop();
+
+    // Restarts import the same documents again and leave one copy of each.
+    for (int i = 0; i < 4; ++i) {
+        Start({"--config", conf});
+        Stop();
+    }
+    zelktest::Db db(m_Dir + "/ac.db");
+    EXPECT_EQ(db.Int("SELECT count(*) FROM InventoryItems WHERE source = 2;"), 1);
+    EXPECT_EQ(db.Int("SELECT count(*) FROM InventoryItems WHERE source = 1;"), 0);
 }

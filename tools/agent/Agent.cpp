@@ -13,12 +13,27 @@
 #include <cerrno>
 #include <cstring>
 
+#include "EventLog.h"
+#include "HostConfig.h"
 #include "HostEvent.h"
 #include "LogRing.h"
 #include "zelk.h"
 
 namespace zelkagent {
 namespace {
+
+// A digest as the event log shows it: lowercase hex, "" when unknown.
+std::string DigestHex(const std::optional<std::array<uint8_t, 32>>& digest) {
+    static const char* digits = "0123456789abcdef";
+    std::string hex;
+    if (digest) {
+        for (uint8_t b : *digest) {
+            hex += digits[b >> 4];
+            hex += digits[b & 15];
+        }
+    }
+    return hex;
+}
 
 uint64_t MonotonicNs() {
     struct timespec ts;
@@ -105,7 +120,8 @@ Agent::Agent(const AgentOptions& options, AgentStats& stats, hostkit::DigestCach
       m_Cache(cache),
       m_Queue(options.queueCapacity),
       m_FileQueue(options.queueCapacity),
-      m_Self(getpid()) {}
+      m_Self(getpid()),
+      m_Permissive(options.permissive) {}
 
 Agent::~Agent() {
     Stop();
@@ -399,6 +415,10 @@ void Agent::WorkerLoop(WorkQueue<Job>* queue) {
     }
 }
 
+size_t Agent::QueueDepth() const {
+    return const_cast<WorkQueue<Job>&>(m_Queue).Size();
+}
+
 void Agent::Answer(int fd, bool allow) {
     struct fanotify_response response;
     response.fd = fd;
@@ -451,10 +471,22 @@ void Agent::HandleExec(Job& job, const KnownTarget* known) {
         DescribeProcess(job.pid, job.pidfd.Get(), event);
         ac_wrapper_event_s raw = event.Raw();
         const uint64_t engineStart = MonotonicNs();
-        rc = app_ctl(&raw, &response);
+        {
+            // A policy reload of several documents is one change.
+            std::shared_lock<std::shared_mutex> policy;
+            if (m_Options.policyLock != nullptr) {
+                policy = std::shared_lock<std::shared_mutex>(*m_Options.policyLock);
+            }
+            rc = app_ctl(&raw, &response);
+        }
         m_Stats.RecordEngine(MonotonicNs() - engineStart);
     }
-    const bool allow = failure.empty() ? rc != ZELK_STATUS_BLOCKED : !m_Options.failClosed;
+    bool allow = failure.empty() ? rc != ZELK_STATUS_BLOCKED : !m_Options.failClosed;
+    // Permissive: decided and logged like any other, never enforced.
+    const bool wouldDeny = !allow && m_Permissive.load(std::memory_order_relaxed);
+    if (wouldDeny) {
+        allow = true;
+    }
     // Taken before the answer: once it is written the started program may
     // take this CPU, and that time is not the agent's.
     m_Stats.RecordDecision(MonotonicNs() - job.readNs);
@@ -483,11 +515,25 @@ void Agent::HandleExec(Job& job, const KnownTarget* known) {
         return;
     }
     const std::string ruleset = Ruleset(response);
-    if (!allow) {
-        log.Log(ZELK_LOG_INFO, "denied exec %s by %s (pid %d, user %s): %s%s%s", path.c_str(),
+    if (!allow || wouldDeny) {
+        log.Log(ZELK_LOG_INFO, "%s exec %s by %s (pid %d, user %s): %s%s%s",
+                wouldDeny ? "would deny (permissive)" : "denied", path.c_str(),
                 Text(event.processName), pid, Text(event.user),
                 ruleset.empty() ? "not allowed" : "ruleset '", ruleset.c_str(),
                 ruleset.empty() ? "" : "'");
+        if (m_Options.eventLog != nullptr) {
+            EventRecord record;
+            record.verdict = wouldDeny ? "would-deny" : "denied";
+            record.target = path;
+            record.sha256 = DigestHex(event.fileSha256);
+            record.process = Text(event.processName);
+            record.user = Text(event.user);
+            record.rule = ruleset;
+            record.reason = ruleset.empty() ? "not allowed" : "blocked by its ruleset";
+            record.pid = pid;
+            record.timeMs = hostkit::NowMillis();
+            m_Options.eventLog->Record(std::move(record));
+        }
     } else if (response.action == ZELK_ACTION_BLOCK) {
         log.Log(ZELK_LOG_INFO,
                 "allowed exec %s by %s (pid %d): would be blocked, the agent manifest is not "
@@ -545,6 +591,18 @@ void Agent::HandleCloseWrite(Job& job) {
         Log().Log(ZELK_LOG_INFO, "drift %s written by %s (pid %d): %s", path.c_str(),
                   Text(event.processName), static_cast<int>(job.pid),
                   DriftState(response.authorizedState));
+        if (m_Options.eventLog != nullptr) {
+            EventRecord record;
+            record.verdict = "drift";
+            record.target = path;
+            record.sha256 = DigestHex(event.fileSha256);
+            record.process = Text(event.processName);
+            record.user = Text(event.user);
+            record.reason = DriftState(response.authorizedState);
+            record.pid = static_cast<int64_t>(job.pid);
+            record.timeMs = hostkit::NowMillis();
+            m_Options.eventLog->Record(std::move(record));
+        }
     } else {
         Log().Log(ZELK_LOG_TRACE, "written file %s: no drift decision (action %u)", path.c_str(),
                   response.action);

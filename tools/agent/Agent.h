@@ -16,6 +16,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <shared_mutex>
 #include <string>
 #include <thread>
 #include <utility>
@@ -29,12 +30,20 @@
 
 namespace zelkagent {
 
+class EventLog;
+
 struct AgentOptions {
     std::vector<std::string> watch;  // folders; their direct children are watched
     bool mount = false;              // mark the mounts holding the folders instead
     bool failClosed = false;         // deny a program start the agent cannot describe
+    bool permissive = false;         // deny nothing; log would-be denials
     unsigned workers = 4;
     size_t queueCapacity = 256;
+    // Denials, would-be denials and drift as structured records; may be null.
+    EventLog* eventLog = nullptr;
+    // Held shared around every decision and exclusively by a policy reload,
+    // so a reload of several documents is one change; may be null.
+    std::shared_mutex* policyLock = nullptr;
 };
 
 // A descriptor closed when its owner goes; moves hand it on.
@@ -96,6 +105,12 @@ class Agent {
 
     bool HasNameEvents() const { return m_NameFd >= 0; }
 
+    // Permissive mode: every verdict is decided and logged, none enforced.
+    void SetPermissive(bool on) { m_Permissive.store(on, std::memory_order_relaxed); }
+    bool Permissive() const { return m_Permissive.load(std::memory_order_relaxed); }
+    // Events taken from the kernel and not answered yet.
+    size_t QueueDepth() const;
+
   private:
     void ReaderLoop();
     // Reads what is queued on `fd` and dispatches it; false on a read error
@@ -141,6 +156,7 @@ class Agent {
     std::vector<MountRef> m_Mounts;  // one open folder per file system, for handles
 
     std::atomic<bool> m_Stopping{false};
+    std::atomic<bool> m_Permissive;
     std::thread m_Reader;
     std::vector<std::thread> m_Workers;
     std::thread m_FileWorker;

@@ -46,6 +46,12 @@ class WorkQueue {
         return true;
     }
 
+    // Items waiting now.
+    size_t Size() {
+        std::lock_guard<std::mutex> lock(m_Mutex);
+        return m_Items.size();
+    }
+
     void Close() {
         {
             std::lock_guard<std::mutex> lock(m_Mutex);

@@ -4,6 +4,7 @@
 // deleted files so new executables go through drift handling.
 #include <signal.h>
 #include <sys/stat.h>
+#include <systemd/sd-daemon.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -13,8 +14,12 @@
 #include <cstring>
 
 #include "Agent.h"
+#include "AgentConfig.h"
+#include "AgentService.h"
 #include "AgentStats.h"
+#include "ControlChannel.h"
 #include "DigestCache.h"
+#include "EventLog.h"
 #include "HostConfig.h"
 #include "LogRing.h"
 #include "zelk.h"
@@ -52,6 +57,11 @@ struct Options {
     std::string logLevel = "info";
     unsigned workers = 4;
     size_t queue = 256;
+    bool permissive = false;
+    std::string config;
+    std::string policyDir;
+    std::string socket = hostkit::kDefaultControlSocket;
+    std::string eventLog;
 };
 
 void PrintCounters(const zelkagent::AgentStats& stats, const hostkit::DigestCache& cache,
@@ -94,24 +104,6 @@ bool StartEngine(const Options& o, unsigned logMask, unsigned flags, uint64_t st
         engine_stop();
         return false;
     }
-    for (const std::string& spec : o.rulesets) {
-        std::string file, name;
-        hostkit::SplitRulesetSpec(spec, file, name);
-        struct stat st;
-        if (stat(file.c_str(), &st) != 0) {
-            fprintf(stderr, "zelk-agent: %s: %s\n", file.c_str(), strerror(errno));
-            engine_stop();
-            return false;
-        }
-        // Rulesets add to the store: an agent restart never throws policy away.
-        rc = set_ruleset(true, file.c_str(), name.c_str());
-        if (rc != ZELK_STATUS_SUCCESS) {
-            fprintf(stderr, "zelk-agent: %s\n", hostkit::StatusMessage(file, rc).c_str());
-            engine_stop();
-            return false;
-        }
-        Log().Log(ZELK_LOG_INFO, "ruleset %s loaded as '%s'", file.c_str(), name.c_str());
-    }
     return true;
 }
 
@@ -125,41 +117,144 @@ int main(int argc, char** argv) {
         "SIGINT or SIGTERM; prints its counters on SIGUSR1 and on exit.");
     app.set_version_flag("--version",
                          "zelk-agent " ZELK_PRODUCT_VERSION " (engine " ZELK_ENGINE_VERSION ")");
-    app.add_option("--db", o.db, "Database file")->required();
-    app.add_option("--watch", o.watch, "Folder whose files are watched (repeatable)")
-        ->required()
-        ->check(CLI::ExistingDirectory);
-    app.add_flag("--lockdown", o.lockdown, "Block files the engine does not know (else log-only)");
+    app.add_option("--config", o.config,
+                   "Read zelk-agent.conf(5) keys from this file first; options given here win");
+    CLI::Option* dbOpt = app.add_option("--db", o.db, "Database file");
+    CLI::Option* watchOpt =
+        app.add_option("--watch", o.watch, "Folder whose files are watched (repeatable)")
+            ->check(CLI::ExistingDirectory);
+    CLI::Option* permissiveOpt = app.add_flag(
+        "--permissive", o.permissive,
+        "Decide and log everything, deny nothing (would-be denials are logged as such)");
+    CLI::Option* policyDirOpt = app.add_option(
+        "--policy-dir", o.policyDir,
+        "Import every document of this folder at start and on every reload (SIGHUP)");
+    CLI::Option* socketOpt =
+        app.add_option("--socket", o.socket, "Control socket for zelkctl agent")
+            ->capture_default_str();
+    CLI::Option* eventLogOpt = app.add_option(
+        "--event-log", o.eventLog,
+        "Denials, would-be denials and drift as records: journal, or a file of JSON lines");
+    CLI::Option* lockdownOpt = app.add_flag("--lockdown", o.lockdown,
+                                            "Block files the engine does not know (else log-only)");
     app.add_option("--maintenance", o.maintenance,
                    "Maintenance window START,END in ms since the epoch (\"now\" allowed; END 0: "
                    "open until the next start without it); files written in it are approved");
     app.add_option("--ruleset", o.rulesets,
-                   "Import FILE[:NAME] at start (repeatable); \"agent\" in NAME makes it the "
-                   "agent manifest, \"TrustRules\" a trust-rule document");
-    app.add_flag("--fail-closed", o.failClosed,
-                 "Deny a program start the agent cannot describe (unreadable target, hashing "
-                 "failure); default: allow it and log");
+                   "Import FILE[:NAME] at start and on every reload (repeatable), with the "
+                   "policy directory's documents; \"agent\" in NAME makes it the agent manifest, "
+                   "\"TrustRules\" a trust-rule document.  The first document of each kind "
+                   "replaces what that kind holds, so restarts never duplicate rules");
+    CLI::Option* failClosedOpt =
+        app.add_flag("--fail-closed", o.failClosed,
+                     "Deny a program start the agent cannot describe (unreadable target, hashing "
+                     "failure); default: allow it and log");
     app.add_option("--duration", o.duration, "Stop after this many seconds")
         ->check(CLI::NonNegativeNumber);
-    app.add_flag("--mount", o.mount, "Watch the whole mounts that hold the --watch folders");
-    app.add_option("--log-file", o.logFile, "Append the log to this file, not stderr");
-    app.add_option("--log-level", o.logLevel,
-                   "none, error, warning, info (default), trace, or a mask of bits 1 info, "
-                   "2 warning, 4 error, 8 trace");
-    app.add_option("--workers", o.workers, "Threads answering events (default 4)")
-        ->check(CLI::Range(1u, 64u));
-    app.add_option("--queue", o.queue,
-                   "Events taken from the kernel but not yet decided "
-                   "before the agent stops reading (default 256)")
-        ->check(CLI::Range(static_cast<size_t>(1), static_cast<size_t>(65536)));
+    CLI::Option* mountOpt =
+        app.add_flag("--mount", o.mount, "Watch the whole mounts that hold the --watch folders");
+    CLI::Option* logFileOpt =
+        app.add_option("--log-file", o.logFile, "Append the log to this file, not stderr");
+    CLI::Option* logLevelOpt =
+        app.add_option("--log-level", o.logLevel,
+                       "none, error, warning, info (default), trace, or a mask of bits 1 info, "
+                       "2 warning, 4 error, 8 trace");
+    CLI::Option* workersOpt =
+        app.add_option("--workers", o.workers, "Threads answering events (default 4)")
+            ->check(CLI::Range(1u, 64u));
+    CLI::Option* queueOpt =
+        app.add_option("--queue", o.queue,
+                       "Events taken from the kernel but not yet decided "
+                       "before the agent stops reading (default 256)")
+            ->check(CLI::Range(static_cast<size_t>(1), static_cast<size_t>(65536)));
     CLI11_PARSE(app, argc, argv);
+
+    // The agent needs root (fanotify needs CAP_SYS_ADMIN, hashing every file
+    // CAP_DAC_READ_SEARCH): say so before anything is created or opened.
+    if (geteuid() != 0) {
+        fprintf(stderr,
+                "zelk-agent: needs root (CAP_SYS_ADMIN for fanotify, CAP_DAC_READ_SEARCH to read "
+                "every file); run it as root or through its systemd unit\n");
+        return kExitWatch;
+    }
+
+    // The configuration file: every key is an option, and an option given on
+    // the command line wins over its key.
+    if (!o.config.empty()) {
+        using zelkagent::ConfigKey;
+        const std::vector<ConfigKey> keys = {
+            {"database", ConfigKey::kText},
+            {"watch", ConfigKey::kList},
+            {"mount", ConfigKey::kBool},
+            {"mode", ConfigKey::kChoice, 0, 0, {"log-only", "lockdown", "permissive"}},
+            {"fail_closed", ConfigKey::kBool},
+            {"workers", ConfigKey::kUnsigned, 1, 64},
+            {"queue", ConfigKey::kUnsigned, 1, 65536},
+            {"log_level", ConfigKey::kChoice, 0, 0, {"none", "error", "warning", "info", "trace"}},
+            {"log_file", ConfigKey::kText},
+            {"policy_dir", ConfigKey::kText},
+            {"socket", ConfigKey::kText},
+            {"event_log", ConfigKey::kText},
+        };
+        zelkagent::ConfigValues values;
+        std::string error;
+        if (!zelkagent::ReadConfigFile(o.config, keys, values, error)) {
+            fprintf(stderr, "zelk-agent: %s\n", error.c_str());
+            return kExitUsage;
+        }
+        auto text = [&](const char* key, CLI::Option* opt, std::string& out) {
+            if (values.count(key) && opt->count() == 0) {
+                out = values[key].text;
+            }
+        };
+        auto flag = [&](const char* key, CLI::Option* opt, bool& out) {
+            if (values.count(key) && opt->count() == 0) {
+                out = values[key].flag;
+            }
+        };
+        text("database", dbOpt, o.db);
+        if (values.count("watch") && watchOpt->count() == 0) {
+            o.watch = values["watch"].words;
+        }
+        flag("mount", mountOpt, o.mount);
+        if (values.count("mode") && lockdownOpt->count() == 0 && permissiveOpt->count() == 0) {
+            o.lockdown = values["mode"].text == "lockdown";
+            o.permissive = values["mode"].text == "permissive";
+        }
+        flag("fail_closed", failClosedOpt, o.failClosed);
+        if (values.count("workers") && workersOpt->count() == 0) {
+            o.workers = static_cast<unsigned>(values["workers"].number);
+        }
+        if (values.count("queue") && queueOpt->count() == 0) {
+            o.queue = static_cast<size_t>(values["queue"].number);
+        }
+        text("log_level", logLevelOpt, o.logLevel);
+        text("log_file", logFileOpt, o.logFile);
+        text("policy_dir", policyDirOpt, o.policyDir);
+        text("socket", socketOpt, o.socket);
+        text("event_log", eventLogOpt, o.eventLog);
+    }
+    if (o.db.empty() || o.watch.empty()) {
+        fprintf(stderr,
+                "zelk-agent: a database (--db or database =) and at least one folder "
+                "(--watch or watch =) are needed\n");
+        return kExitUsage;
+    }
+    for (const std::string& dir : o.watch) {
+        struct stat st {};
+        if (stat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+            fprintf(stderr, "zelk-agent: %s is not a folder\n", dir.c_str());
+            return kExitUsage;
+        }
+    }
 
     unsigned logMask = 0;
     if (!hostkit::ParseLogLevel(o.logLevel, logMask)) {
         fprintf(stderr, "zelk-agent: unknown log level %s\n", o.logLevel.c_str());
         return kExitUsage;
     }
-    unsigned flags = o.lockdown ? ZELK_CONFIG_LOCKDOWN : 0;
+    // Permissive decides as lockdown would; the agent does not enforce it.
+    unsigned flags = (o.lockdown || o.permissive) ? ZELK_CONFIG_LOCKDOWN : 0;
     uint64_t windowStart = 0, windowEnd = 0;
     if (!o.maintenance.empty()) {
         if (!hostkit::ParseWindow(o.maintenance, windowStart, windowEnd)) {
@@ -178,7 +273,7 @@ int main(int argc, char** argv) {
     // thread started below inherits the mask.
     sigset_t signals;
     sigemptyset(&signals);
-    for (int s : {SIGINT, SIGTERM, SIGUSR1}) {
+    for (int s : {SIGINT, SIGTERM, SIGUSR1, SIGHUP}) {
         sigaddset(&signals, s);
     }
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
@@ -192,6 +287,35 @@ int main(int argc, char** argv) {
         Log().Stop();
         return kExitEngine;
     }
+    zelkagent::AgentService::Settings settings;
+    settings.database = o.db;
+    settings.policyDir = o.policyDir;
+    settings.rulesets = o.rulesets;
+    settings.lockdown = o.lockdown;
+    settings.permissive = o.permissive;
+    settings.failClosed = o.failClosed;
+    zelkagent::AgentService service(settings);
+    {
+        std::string changes;
+        if (!service.LoadPolicy(changes, error)) {
+            fprintf(stderr, "zelk-agent: policy: %s\n", error.c_str());
+            engine_stop();
+            Log().Stop();
+            return kExitEngine;
+        }
+        Log().Log(ZELK_LOG_INFO, "policy loaded: %s", changes.c_str());
+    }
+    const std::string notEnforcing = service.NotEnforcingReason();
+    if (o.lockdown && !notEnforcing.empty()) {
+        Log().Log(ZELK_LOG_WARNING, "%s", notEnforcing.c_str());
+    }
+    zelkagent::EventLog eventLog;
+    if (!eventLog.Open(o.eventLog, error)) {
+        fprintf(stderr, "zelk-agent: %s\n", error.c_str());
+        engine_stop();
+        Log().Stop();
+        return kExitUsage;
+    }
 
     zelkagent::AgentStats stats;
     hostkit::DigestCache cache;
@@ -201,6 +325,9 @@ int main(int argc, char** argv) {
     agentOptions.failClosed = o.failClosed;
     agentOptions.workers = o.workers;
     agentOptions.queueCapacity = o.queue;
+    agentOptions.permissive = o.permissive;
+    agentOptions.eventLog = &eventLog;
+    agentOptions.policyLock = &service.PolicyLock();
     zelkagent::Agent agent(agentOptions, stats, cache);
     if (!agent.Start(error)) {
         fprintf(stderr, "zelk-agent: %s\n", error.c_str());
@@ -208,10 +335,22 @@ int main(int argc, char** argv) {
         Log().Stop();
         return kExitWatch;
     }
+    service.Attach(&agent, &stats, &cache);
+    hostkit::ControlServer control;
+    if (!o.socket.empty() &&
+        !control.Start(
+            o.socket, [&service](const std::string& request) { return service.Handle(request); },
+            error)) {
+        // Enforcing matters more than being asked: run on, say why.
+        Log().Log(ZELK_LOG_WARNING, "no control socket: %s", error.c_str());
+    }
+    sd_notify(0, "READY=1");
     Log().Log(ZELK_LOG_INFO,
               "ready: pid %d, %zu folder(s)%s, %s%s, fail-%s, %u workers, name events %s",
               static_cast<int>(getpid()), o.watch.size(), o.mount ? " (whole mounts)" : "",
-              o.lockdown ? "lockdown" : "log-only",
+              o.permissive ? "permissive"
+              : o.lockdown ? "lockdown"
+                           : "log-only",
               (flags & ZELK_CONFIG_AUTO_AUTHORIZE) ? ", maintenance window open" : "",
               o.failClosed ? "closed" : "open", o.workers, agent.HasNameEvents() ? "on" : "off");
 
@@ -246,13 +385,25 @@ int main(int argc, char** argv) {
         int sig = sigtimedwait(&signals, nullptr, &timeout);
         if (sig == SIGUSR1) {
             PrintCounters(stats, cache, !o.logFile.empty());
+        } else if (sig == SIGHUP) {
+            sd_notify(0, "RELOADING=1");
+            std::string changes;
+            if (service.LoadPolicy(changes, error)) {
+                Log().Log(ZELK_LOG_INFO, "policy reloaded: %s", changes.c_str());
+            } else {
+                Log().Log(ZELK_LOG_ERROR, "policy reload failed: %s", error.c_str());
+            }
+            sd_notify(0, "READY=1");
         } else if (sig == SIGINT || sig == SIGTERM) {
             Log().Log(ZELK_LOG_INFO, "signal %d, stopping", sig);
             break;
         }
     }
 
+    sd_notify(0, "STOPPING=1");
+    control.Stop();
     agent.Stop();
+    eventLog.Close();
     uint32_t rc = engine_stop();
     if (rc != ZELK_STATUS_SUCCESS) {
         Log().Log(ZELK_LOG_ERROR, "%s", hostkit::StatusMessage("engine_stop", rc).c_str());

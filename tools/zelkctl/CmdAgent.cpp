@@ -54,10 +54,14 @@ Json Ask(const std::string& socket, const cJSON* request, int& exit) {
 void PrintReadable(const cJSON* object, int depth) {
     const cJSON* item = nullptr;
     cJSON_ArrayForEach(item, object) {
-        if (depth == 0 && strcmp(item->string, "ok") == 0) {
+        if (depth == 0 && item->string != nullptr && strcmp(item->string, "ok") == 0) {
             continue;
         }
-        printf("%*s%s:", depth * 2, "", item->string ? item->string : "");
+        if (item->string != nullptr) {
+            printf("%*s%s:", depth * 2, "", item->string);
+        } else {
+            printf("%*s-", depth * 2, "");  // an element of a list
+        }
         if (cJSON_IsObject(item)) {
             printf("\n");
             PrintReadable(item, depth + 1);
@@ -92,6 +96,9 @@ void AddAgentCommand(CLI::App& app, AgentOptions& o) {
     o.reload = o.command->add_subcommand(
         "reload", "Import the policy directory again, as one change, and show what changed");
     o.mode = o.command->add_subcommand("mode", "Change the running agent's mode");
+    for (CLI::App* sub : {o.status, o.reload, o.mode}) {
+        sub->add_flag("--json", o.json, "Print the agent's answer as JSON");
+    }
     o.mode->add_flag("--lockdown", o.lockdown, "Deny programs the policy does not know");
     o.mode->add_flag("--log-only", o.logOnly, "Enforce block rules only");
     o.mode->add_flag("--permissive", o.permissive, "Deny nothing; log would-be denials");
@@ -102,6 +109,7 @@ void AddAgentCommand(CLI::App& app, AgentOptions& o) {
     o.check->add_option("files", o.files, "Files to check")->required();
     o.check->add_option("--user", o.user, "User that starts the file (default: you)");
     o.check->add_option("--as-process", o.asProcess, "Process that starts the file");
+    o.check->add_flag("--json", o.json, "Print the agent's answer as JSON");
 }
 
 int RunAgent(const AgentOptions& o) {
