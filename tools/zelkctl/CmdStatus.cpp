@@ -2,7 +2,9 @@
 // Starting the engine would create a missing database or upgrade an old one;
 // status must show the file as it is, so it opens it read-only with SQLite
 // and never starts the engine.
+#include <limits.h>
 #include <sqlite3.h>
+#include <stdlib.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -10,7 +12,9 @@
 #include <functional>
 #include <memory>
 
+#include "CmdAgent.h"
 #include "Commands.h"
+#include "ControlChannel.h"
 #include "Progress.h"
 #include "Verdict.h"
 
@@ -83,6 +87,18 @@ int RunStatus(const std::string& dbPath) {
     printf("database:        %s (%s)\n", dbPath.c_str(),
            Progress::Bytes(static_cast<double>(st.st_size)).c_str());
     printf("schema version:  %d\n", version);
+    // A running agent has its own modes and caches; say whether one works on
+    // this file, and where to ask it.
+    std::string agentDb;
+    char here[PATH_MAX], there[PATH_MAX];
+    if (AgentDatabase(hostkit::kDefaultControlSocket, agentDb)) {
+        const bool same = realpath(dbPath.c_str(), here) != nullptr &&
+                          realpath(agentDb.c_str(), there) != nullptr && strcmp(here, there) == 0;
+        printf("running agent:   %s (ask it: zelkctl agent status)\n",
+               same ? "yes, on this database" : ("on another database, " + agentDb).c_str());
+    } else {
+        printf("running agent:   none on %s\n", hostkit::kDefaultControlSocket);
+    }
 
     HostModes modes;
     std::string error;
