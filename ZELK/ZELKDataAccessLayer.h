@@ -379,8 +379,10 @@ class ZELKDAL {
     void TrustRulesChanged();
     // The same; caller holds m_DataMutex and passes the writer.
     void LoadTrustIndexLocked(sqlite3* db);
-    // The current index; reloaded when another connection changed the tables.
-    const ZELKTrustRuleIndex* CurrentTrustIndex(ReadConnection* reader);
+    // Reloads the index when a connection other than the writer changed the
+    // tables since the last check.  False when the writer was busy (nothing
+    // was checked).  Caller holds no lock of the store.
+    bool CheckTrustRules();
     // Writes the hit counts counted in memory; caller holds m_DataMutex.
     void WritePendingHitCountsLocked();
     // Switches a freshly opened writer to the write-ahead log.

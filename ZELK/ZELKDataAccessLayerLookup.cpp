@@ -497,26 +497,45 @@ bool ZELKDAL::IsFoundInTrustRules(unsigned trustType, ac_event& event) {
         byProcess ? event.processSha256 : event.fileSha256,
         byProcess ? event.processIssuer : event.fileIssuer,
     };
-    int64_t ruleId = 0;
+    // The lock messages are those of the lookup over the table.  Under the
+    // read connection's lock only the connection itself is used; the writer
+    // is asked (whether another process changed the rules) after it.
+    ReadConnection* reader = nullptr;
+    int64_t version = -1;
+    bool ask = false;
     {
         ReadLease lease(*this, "IsFoundInTrustRules");
-        ReadConnection* reader = lease.Reader();
-        const ZELKTrustRuleIndex* index = reader != nullptr ? CurrentTrustIndex(reader) : nullptr;
-        if (index == nullptr) {
-            ZERROR("m_pLookupTrustRuleStmt is released");
-            return false;
+        reader = lease.Reader();
+        if (reader != nullptr) {
+            version = reader->DataVersion();
+            ask = version < 0 || version != reader->lastDataVersion ||
+                  m_TrustIndex.load(std::memory_order_acquire) == nullptr;
         }
-        const ZELKTrustRuleIndex::Rule* rule = index->Find(trustType, probe);
-        if (rule == nullptr) {
-            return false;
-        }
-        ruleId = rule->id;
-        event.trustMatch = 4;
-        event.ruleset = rule->rulesetText;
-        ZTRACE("Trust rule %lld (type %u, process '%s', paths '%s', ruleset '%s') matched %s",
-               static_cast<long long>(rule->id), trustType, rule->processText.c_str(),
-               rule->pathsText.c_str(), event.ruleset.c_str(), event.name.c_str());
     }
+    if (reader == nullptr) {
+        ZERROR("m_pLookupTrustRuleStmt is released");
+        return false;
+    }
+    if (ask && CheckTrustRules()) {
+        // The connection is this thread's own; its lock only keeps Finalize out.
+        std::lock_guard<std::mutex> lock(reader->mutex);
+        reader->lastDataVersion = version;
+    }
+    const ZELKTrustRuleIndex* index = m_TrustIndex.load(std::memory_order_acquire);
+    if (index == nullptr) {
+        ZERROR("m_pLookupTrustRuleStmt is released");
+        return false;
+    }
+    const ZELKTrustRuleIndex::Rule* rule = index->Find(trustType, probe);
+    if (rule == nullptr) {
+        return false;
+    }
+    const int64_t ruleId = rule->id;
+    event.trustMatch = 4;
+    event.ruleset = rule->rulesetText;
+    ZTRACE("Trust rule %lld (type %u, process '%s', paths '%s', ruleset '%s') matched %s",
+           static_cast<long long>(ruleId), trustType, rule->processText.c_str(),
+           rule->pathsText.c_str(), event.ruleset.c_str(), event.name.c_str());
     // Counted in memory and written with the store's next write, so a
     // decision never waits for the writer (an import may hold it).
     std::lock_guard<std::mutex> lock(m_HitsMutex);
@@ -524,40 +543,32 @@ bool ZELKDAL::IsFoundInTrustRules(unsigned trustType, ac_event& event) {
     return true;
 }
 
-const ZELKTrustRuleIndex* ZELKDAL::CurrentTrustIndex(ReadConnection* reader) {
-    const ZELKTrustRuleIndex* index = m_TrustIndex.load(std::memory_order_acquire);
-    if (index != nullptr && !reader->Changed()) {
-        return index;
-    }
-    // Some connection committed since this reader last looked.  The writer's
-    // own view tells whether it was another one (a host or an administrator
-    // writing the tables behind the engine's back): its data version moves
-    // only for other connections' commits.  A busy writer is not waited for;
-    // the reader then asks again at its next lookup.
+bool ZELKDAL::CheckTrustRules() {
+    // A connection committed since this thread's connection last looked.  The
+    // writer's own view tells whether it was another one (a host or an
+    // administrator writing the tables behind the engine's back): its data
+    // version moves only for other connections' commits.  A busy writer is
+    // not waited for; the question is asked again at the next lookup.
     std::unique_lock<std::mutex> lock(m_DataMutex, std::try_to_lock);
     if (!lock.owns_lock()) {
-        reader->Forget();
-        return index;
+        return false;
     }
     DBHolder db = DBHandle();
     if (!db) {
-        return index;
+        return false;
     }
     int64_t version = -1;
-    {
-        sqlite3_stmt* raw = nullptr;
-        if (sqlite3_prepare_v2(db.get(), "PRAGMA data_version;", -1, &raw, nullptr) == SQLITE_OK &&
-            sqlite3_step(raw) == SQLITE_ROW) {
-            version = sqlite3_column_int64(raw, 0);
-        }
-        sqlite3_finalize(raw);
+    sqlite3_stmt* raw = nullptr;
+    if (sqlite3_prepare_v2(db.get(), "PRAGMA data_version;", -1, &raw, nullptr) == SQLITE_OK &&
+        sqlite3_step(raw) == SQLITE_ROW) {
+        version = sqlite3_column_int64(raw, 0);
     }
-    if (index != nullptr && version == m_WriterDataVersion) {
-        return index;
+    sqlite3_finalize(raw);
+    if (m_TrustIndex.load(std::memory_order_acquire) == nullptr || version != m_WriterDataVersion) {
+        m_WriterDataVersion = version;
+        LoadTrustIndexLocked(db.get());
     }
-    m_WriterDataVersion = version;
-    LoadTrustIndexLocked(db.get());
-    return m_TrustIndex.load(std::memory_order_acquire);
+    return true;
 }
 
 void ZELKDAL::TrustRulesChanged() {

@@ -132,16 +132,14 @@ void ZELKDAL::ReadConnection::EndRead() {
     inRead = false;
 }
 
-bool ZELKDAL::ReadConnection::Changed() {
+int64_t ZELKDAL::ReadConnection::DataVersion() {
     if (dataVersion == nullptr || sqlite3_step(dataVersion) != SQLITE_ROW) {
         sqlite3_reset(dataVersion);
-        return true;
+        return -1;
     }
     const int64_t version = sqlite3_column_int64(dataVersion, 0);
     sqlite3_reset(dataVersion);
-    const bool changed = version != lastDataVersion;
-    lastDataVersion = version;
-    return changed;
+    return version;
 }
 
 std::shared_ptr<ZELKDAL::ReadConnection>& ZELKDAL::ThreadReader() {

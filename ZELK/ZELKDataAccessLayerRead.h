@@ -40,11 +40,9 @@ struct ZELKDAL::ReadConnection {
     void Close();
     // Opens `path` (never creating it) and prepares the statements.
     bool Open(const std::string& path, uint64_t openGeneration);
-    // True when another connection committed since the last call (or the
-    // version cannot be read).
-    bool Changed();
-    // Makes the next Changed() true again (a change seen but not handled).
-    void Forget() { lastDataVersion = -1; }
+    // The connection's data version (it moves when another connection
+    // commits); -1 when it cannot be read.
+    int64_t DataVersion();
     // Keeps a read transaction open across lookups and begins a new one only
     // when a commit happened since the open one began, so a lookup costs no
     // system call and no process-wide lock.

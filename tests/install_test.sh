@@ -22,9 +22,9 @@ for f in bin/zelkctl sbin/zelk-agent include/zelk.h share/man/man1/zelkctl.1 \
          share/man/man8/zelk-agent.8 share/man/man5/zelk-agent.conf.5; do
     [ -e "$root/$f" ] || fail "missing $f"
 done
-find "$stage" -path '*etc/zelk/zelk-agent.conf' | grep -q . || fail "no default configuration"
-find "$stage" -name zelk-agent.service | grep -q . || fail "no unit installed"
-find "$stage" -path '*zelk/policy.d' -type d | grep -q . || fail "no policy directory"
+[ -n "$(find "$stage" -path '*etc/zelk/zelk-agent.conf')" ] || fail "no default configuration"
+[ -n "$(find "$stage" -name zelk-agent.service)" ] || fail "no unit installed"
+[ -n "$(find "$stage" -path '*zelk/policy.d' -type d)" ] || fail "no policy directory"
 
 # systemd accepts the unit (pointed at the staged agent), where it is installed.
 if command -v systemd-analyze >/dev/null 2>&1; then
@@ -38,7 +38,7 @@ fi
 
 # The installed programs find the installed library by themselves.
 out="$("$root/bin/zelkctl" --version)" || fail "installed zelkctl --version failed"
-echo "$out" | grep -q "zelkctl" || fail "unexpected version text: $out"
+grep -q "zelkctl" <<<"$out" || fail "unexpected version text: $out"
 "$root/sbin/zelk-agent" --version >/dev/null || fail "installed zelk-agent --version failed"
 
 # A host built from the installed header and pkg-config file alone.
@@ -63,17 +63,21 @@ pc="$(dirname "$pcfile")"
 flags="$(PKG_CONFIG_PATH="$pc" pkg-config --define-variable=prefix="$root" --cflags --libs zelk)"
 cc -o "$scratch/host" "$scratch/host.c" $flags
 libdir="$(PKG_CONFIG_PATH="$pc" pkg-config --define-variable=prefix="$root" --variable=libdir zelk)"
-(cd "$scratch" && LD_LIBRARY_PATH="$libdir" ./host "$scratch/host.db") | grep -q "host ok" ||
+hostout="$(cd "$scratch" && LD_LIBRARY_PATH="$libdir" ./host "$scratch/host.db")" ||
     fail "host built against the installed files did not start the engine"
+grep -q "host ok" <<<"$hostout" || fail "unexpected host output: $hostout"
 [ -f "$scratch/host.db" ] || fail "host did not create its database"
 
 # The Debian package, unpacked and run from its own root.
 (cd "$build" && cpack -G DEB -B "$scratch/cpack" >"$scratch/cpack.log" 2>&1) ||
     fail "cpack failed: $(tail -5 "$scratch/cpack.log")"
 deb="$(ls "$scratch"/cpack/*.deb | head -1)"
-dpkg-deb -I "$deb" | grep -q "Depends:.*libsqlite3" || fail "package lacks its dependencies"
+# Read whole before matching: grep -q stopping early would fail the pipe.
+info="$(dpkg-deb -I "$deb")"
+grep -q "Depends:.*libsqlite3" <<<"$info" || fail "package lacks its dependencies"
 dpkg-deb -x "$deb" "$scratch/pkgroot"
 pkgctl="$(find "$scratch/pkgroot" -path '*bin/zelkctl' | head -1)"
 [ -n "$pkgctl" ] || fail "package has no zelkctl"
-"$pkgctl" --version | grep -q "zelkctl" || fail "packaged zelkctl --version failed"
+pkgversion="$("$pkgctl" --version)" || fail "packaged zelkctl --version failed"
+grep -q "zelkctl" <<<"$pkgversion" || fail "unexpected packaged version text: $pkgversion"
 echo "install test passed"
