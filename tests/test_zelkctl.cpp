@@ -271,6 +271,13 @@ TEST(Zelkctl, LintNamesEveryElementTheImporterWouldMishandle) {
         zelktest::WriteFile(dir + "/e.json", text);
         Zelkctl(dir, {"lint", dir + "/e.json"}, 1);
     }
+
+    // The engine takes such a document as it is; the import says what lint
+    // would say, as warnings, and imports every element.
+    r = Zelkctl(dir, {"import", "--db", dir + "/ac.db", dir + "/rules.json"});
+    ExpectAll(r.err, {"warning: " + dir + "/rules.json:  rules[1].sha256: 63 characters",
+                      "rules[4].size: not a whole number"});
+    ExpectAll(r.out, {"imported " + dir + "/rules.json as 'rules' (hash ruleset): 6 rules"});
 }
 
 TEST(Zelkctl, ScanStoresPersistedFilesAndListsUnreadableOnes) {

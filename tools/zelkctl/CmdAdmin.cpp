@@ -101,8 +101,23 @@ int ImportFile(EngineSession& session, const std::string& file, const std::strin
         std::string buffer = Print(converted.get(), false);
         rc = set_ruleset_buffer(incremental, buffer.c_str(), name.c_str());
     } else {
-        // The engine reads the file itself and reports a parse error in its
-        // log; `zelkctl lint` says more.
+        // The engine takes every element as it comes (odd digests decoded,
+        // numbers read as strtol reads them); the administrator hears here
+        // what lint would say about the document.
+        bool readable = false;
+        const std::string text = ReadWholeFile(file, readable);
+        if (readable && !quiet) {
+            size_t elements = 0;
+            const std::vector<std::string> findings = LintText(text, name, elements);
+            const size_t shown = std::min<size_t>(findings.size(), 20);
+            for (size_t i = 0; i < shown; ++i) {
+                fprintf(stderr, "zelkctl: warning: %s:%s\n", file.c_str(), findings[i].c_str());
+            }
+            if (findings.size() > shown) {
+                fprintf(stderr, "zelkctl: warning: %s: %zu more findings (zelkctl lint %s)\n",
+                        file.c_str(), findings.size() - shown, file.c_str());
+            }
+        }
         rc = set_ruleset(incremental, file.c_str(), name.c_str());
     }
     if (rc != ZELK_STATUS_SUCCESS) {

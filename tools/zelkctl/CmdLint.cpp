@@ -18,6 +18,7 @@ class Findings {
         m_Lines.push_back("  " + where + ": " + what);
     }
     size_t Count() const { return m_Lines.size(); }
+    const std::vector<std::string>& Lines() const { return m_Lines; }
     void Print() const {
         for (const std::string& line : m_Lines) {
             printf("%s\n", line.c_str());
@@ -49,13 +50,16 @@ void CheckDigest(const cJSON* element, const char* key, size_t bytes, const std:
     size_t len = strlen(item->valuestring);
     std::vector<uint8_t> out(bytes);
     if (len != bytes * 2) {
-        findings.Add(where + "." + key, std::to_string(len) + " characters where " +
-                                            std::to_string(bytes * 2) +
-                                            " hexadecimal characters are needed");
+        findings.Add(where + "." + key,
+                     std::to_string(len) + " characters where " + std::to_string(bytes * 2) +
+                         " hexadecimal characters are needed: the engine decodes what is "
+                         "there pair by pair and leaves the rest 0, a digest no file has");
         return;
     }
     if (!hostkit::FromHex(item->valuestring, out.data(), bytes)) {
-        findings.Add(where + "." + key, "holds characters that are not hexadecimal");
+        findings.Add(where + "." + key,
+                     "holds characters that are not hexadecimal: the engine decodes them as "
+                     "if they were, a digest no file has");
         return;
     }
     present = true;
@@ -130,7 +134,9 @@ size_t LintHashRules(const cJSON* root, Findings& findings) {
         long long sizeValue = 0;
         if (size != nullptr && !cJSON_IsNull(size)) {
             if (!ReadInteger(size, sizeValue)) {
-                findings.Add(where + ".size", "not a whole number: read as 0 (any size)");
+                findings.Add(where + ".size",
+                             "not a whole number: the engine reads it as strtol does (\"12abc\" is "
+                             "12, \"abc\" is 0, and 0 matches any size)");
             } else if (sizeValue < 0) {
                 findings.Add(where + ".size", "negative size: the rule can never match a file");
             }
@@ -282,17 +288,11 @@ size_t LintTrustRules(const cJSON* root, Findings& findings) {
 
 }  // namespace
 
-int RunLint(const LintOptions& options) {
-    bool ok = false;
-    std::string text = ReadWholeFile(options.file, ok);
-    if (!ok) {
-        fprintf(stderr, "zelkctl: %s: cannot read: %s\n", options.file.c_str(), strerror(errno));
-        return kExitUsage;
-    }
-    std::string name = options.name.empty() ? DefaultRulesetName(options.file) : options.name;
+std::vector<std::string> LintText(const std::string& text, const std::string& name,
+                                  size_t& elements) {
     DocKind kind = KindForName(name);
     Findings findings;
-    size_t elements = 0;
+    elements = 0;
     cJSON* root = cJSON_ParseWithLength(text.data(), text.size());
     if (root == nullptr) {
         const char* where = cJSON_GetErrorPtr();
@@ -315,11 +315,27 @@ int RunLint(const LintOptions& options) {
         elements = LintHashRules(root, findings);
     }
     cJSON_Delete(root);
+    return findings.Lines();
+}
+
+int RunLint(const LintOptions& options) {
+    bool ok = false;
+    std::string text = ReadWholeFile(options.file, ok);
+    if (!ok) {
+        fprintf(stderr, "zelkctl: %s: cannot read: %s\n", options.file.c_str(), strerror(errno));
+        return kExitUsage;
+    }
+    std::string name = options.name.empty() ? DefaultRulesetName(options.file) : options.name;
+    DocKind kind = KindForName(name);
+    size_t elements = 0;
+    const std::vector<std::string> findings = LintText(text, name, elements);
     printf("%s: %s '%s', %zu %s, %zu finding%s\n", options.file.c_str(), KindName(kind),
            name.c_str(), elements, kind == DocKind::kTrustRules ? "trust rules" : "rules",
-           findings.Count(), findings.Count() == 1 ? "" : "s");
-    findings.Print();
-    return findings.Count() == 0 ? kExitOk : kExitBlocked;
+           findings.size(), findings.size() == 1 ? "" : "s");
+    for (const std::string& line : findings) {
+        printf("%s\n", line.c_str());
+    }
+    return findings.empty() ? kExitOk : kExitBlocked;
 }
 
 }  // namespace zelkctl

@@ -56,6 +56,10 @@ struct LintOptions {
     std::string name;
 };
 int RunLint(const LintOptions& options);
+// What lint finds in a document's text (empty: nothing); `elements` gets the
+// number of rules.  The importer warns with the same lines.
+std::vector<std::string> LintText(const std::string& text, const std::string& name,
+                                  size_t& elements);
 
 struct ImportOptions {
     std::string db;

@@ -2,11 +2,10 @@
 // exported C interface of zelk.so only.
 #include <CLI/CLI.hpp>
 
-#include "zelk_build_info.h"
-
 #include "CmdAgent.h"
 #include "Commands.h"
 #include "HostEvent.h"
+#include "zelk_build_info.h"
 
 namespace {
 
@@ -26,7 +25,8 @@ int main(int argc, char** argv) {
         "replay recorded events and read its metrics.");
     app.require_subcommand(1);
     app.set_help_all_flag("--help-all", "Help for every command");
-    app.set_version_flag("--version", "zelkctl " ZELK_PRODUCT_VERSION " (engine " ZELK_ENGINE_VERSION ")");
+    app.set_version_flag("--version",
+                         "zelkctl " ZELK_PRODUCT_VERSION " (engine " ZELK_ENGINE_VERSION ")");
 
     LogOptions log;
     std::string logLevel;
