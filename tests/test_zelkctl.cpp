@@ -392,6 +392,17 @@ TEST(Zelkctl, CheckReportsAllowedBlockedAndUnknownFiles) {
               {"unknown  " + stranger, "log-only mode lets it run"});
     ExpectAll(Zelkctl(dir, {"check", "--db", db, stranger, "--lockdown"}, 1).out,
               {"lockdown blocks it"});
+    // --json: the same verdicts as one document, the same exit code.
+    CtlRun json = Zelkctl(dir, {"check", "--db", db, good, bad, "--json"}, 1);
+    cJSON* doc = cJSON_Parse(json.out.c_str());
+    ASSERT_NE(doc, nullptr) << json.out;
+    const cJSON* verdicts = cJSON_GetObjectItemCaseSensitive(doc, "verdicts");
+    ASSERT_EQ(cJSON_GetArraySize(verdicts), 2);
+    EXPECT_STREQ(cJSON_GetObjectItem(cJSON_GetArrayItem(verdicts, 0), "verdict")->valuestring,
+                 "allow");
+    EXPECT_STREQ(cJSON_GetObjectItem(cJSON_GetArrayItem(verdicts, 1), "ruleset")->valuestring,
+                 "site");
+    cJSON_Delete(doc);
 
     // A persisted lockdown applies until --log-only overrides it.
     Zelkctl(dir, {"config", "--db", db, "--lockdown"});

@@ -1,4 +1,5 @@
 // zelkctl check: "would this file run?", asked as a program start.
+#include <cjson/cJSON.h>
 #include <grp.h>
 #include <pwd.h>
 #include <sys/stat.h>
@@ -7,6 +8,9 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
 
 #include "Commands.h"
 #include "HostDigest.h"
@@ -14,6 +18,11 @@
 #include "Verdict.h"
 
 namespace zelkctl {
+
+// The text form of one verdict.
+void PrintVerdictText(const std::string& path, const std::string& word, const Verdict& v,
+                      const ac_wrapper_response_s& response,
+                      const std::vector<std::string>& reasoning);
 
 bool ResolveModes(const std::string& db, const ModeOptions& options, HostModes& modes, int& exit) {
     std::string error;
@@ -109,7 +118,16 @@ int RunCheck(const LogOptions& log, const CheckOptions& options) {
     if (!session.Start(options.db) || !ApplyModes(modes)) {
         return kExitEngine;
     }
-    printf("mode: %s\n", DescribeModes(modes).c_str());
+    // --json: one document with every verdict, printed at the end.
+    std::unique_ptr<cJSON, decltype(&cJSON_Delete)> json(
+        options.json ? cJSON_CreateObject() : nullptr, cJSON_Delete);
+    cJSON* verdicts = nullptr;
+    if (json) {
+        cJSON_AddStringToObject(json.get(), "mode", DescribeModes(modes).c_str());
+        verdicts = cJSON_AddArrayToObject(json.get(), "verdicts");
+    } else {
+        printf("mode: %s\n", DescribeModes(modes).c_str());
+    }
     int result = kExitOk;
     for (Target& t : targets) {
         if (options.verbose) {
@@ -131,18 +149,20 @@ int RunCheck(const LogOptions& log, const CheckOptions& options) {
         if (v.kind == VerdictKind::kUnknownAllowed || v.kind == VerdictKind::kUnknownBlocked) {
             word = "unknown";
         }
-        printf("%-8s %s\n", word.c_str(), t.path.c_str());
-        printf("         %s", v.why.c_str());
-        if (response.source != 0 || !ResponseRuleset(response).empty()) {
-            printf(" [source %u %s", response.source, SourceName(response.source));
-            if (!ResponseRuleset(response).empty()) {
-                printf(", ruleset '%s'", ResponseRuleset(response).c_str());
+        if (json) {
+            cJSON* item = cJSON_CreateObject();
+            cJSON_AddItemToArray(verdicts, item);
+            cJSON_AddStringToObject(item, "path", t.path.c_str());
+            cJSON_AddStringToObject(item, "verdict", word.c_str());
+            cJSON_AddStringToObject(item, "reason", v.why.c_str());
+            cJSON_AddNumberToObject(item, "source", response.source);
+            cJSON_AddStringToObject(item, "ruleset", ResponseRuleset(response).c_str());
+            cJSON* lines = cJSON_AddArrayToObject(item, "reasoning");
+            for (const std::string& line : reasoning) {
+                cJSON_AddItemToArray(lines, cJSON_CreateString(line.c_str()));
             }
-            printf("]");
-        }
-        printf("\n");
-        for (const std::string& line : reasoning) {
-            printf("           | %s\n", line.c_str());
+        } else {
+            PrintVerdictText(t.path, word, v, response, reasoning);
         }
         if (v.kind == VerdictKind::kError && result != kExitBlocked) {
             result = kExitEngine;
@@ -151,7 +171,30 @@ int RunCheck(const LogOptions& log, const CheckOptions& options) {
             result = kExitBlocked;
         }
     }
+    if (json) {
+        char* text = cJSON_Print(json.get());
+        printf("%s\n", text != nullptr ? text : "{}");
+        cJSON_free(text);
+    }
     return result;
+}
+
+void PrintVerdictText(const std::string& path, const std::string& word, const Verdict& v,
+                      const ac_wrapper_response_s& response,
+                      const std::vector<std::string>& reasoning) {
+    printf("%-8s %s\n", word.c_str(), path.c_str());
+    printf("         %s", v.why.c_str());
+    if (response.source != 0 || !ResponseRuleset(response).empty()) {
+        printf(" [source %u %s", response.source, SourceName(response.source));
+        if (!ResponseRuleset(response).empty()) {
+            printf(", ruleset '%s'", ResponseRuleset(response).c_str());
+        }
+        printf("]");
+    }
+    printf("\n");
+    for (const std::string& line : reasoning) {
+        printf("           | %s\n", line.c_str());
+    }
 }
 
 }  // namespace zelkctl

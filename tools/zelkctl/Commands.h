@@ -36,6 +36,7 @@ struct CheckOptions {
     std::string asProcess = "/usr/bin/bash";
     std::string user;
     bool verbose = false;
+    bool json = false;
 };
 int RunCheck(const LogOptions& log, const CheckOptions& options);
 

@@ -61,6 +61,7 @@ int main(int argc, char** argv) {
     checkCmd->add_option("--as-process", check.asProcess, "Process that starts the file");
     checkCmd->add_option("--user", check.user, "User that starts the file (default: you)");
     checkCmd->add_flag("-v,--verbose", check.verbose, "Show the engine's reasoning");
+    checkCmd->add_flag("--json", check.json, "Print the verdicts as one JSON document");
 
     ReplayOptions replay;
     CLI::App* replayCmd = app.add_subcommand("replay", "Replay a JSONL event trace");
