@@ -109,6 +109,19 @@ ZELKDAL::FoundRow ZELKDAL::RowOfSelectAll(sqlite3_stmt* stmt) {
 
 namespace {
 
+// Binds ":size" and ":hash" of a lookup by SHA-256; on failure says so, marks
+// the event not found and leaves the statement clean.
+bool BindDigestAndSize(sqlite3_stmt* stmt, ac_event& event) {
+    if (BindInt64ByName(stmt, ":size", static_cast<int64_t>(event.size)) == SQLITE_OK &&
+        BindBlobByName(stmt, ":hash", event.fileSha256) == SQLITE_OK) {
+        return true;
+    }
+    ZWARNING("Unable to create query");
+    event.isAuthorized = kNotFound;
+    ResetAndClear(stmt);
+    return false;
+}
+
 // The most rows of one digest the one-descent lookup reads before it leaves
 // the ruleset question to its own statement.
 constexpr int kRowsPerDigest = 16;
@@ -176,11 +189,7 @@ bool ZELKDAL::IsAllowedInDBSearch(const LookupStatements& set, ac_event& event, 
     }
     if (!decided) {
         sqlite3_stmt* stmt = set.ruleset;
-        if (BindInt64ByName(stmt, ":size", static_cast<int64_t>(event.size)) != SQLITE_OK ||
-            BindBlobByName(stmt, ":hash", event.fileSha256) != SQLITE_OK) {
-            ZWARNING("Unable to create query");
-            event.isAuthorized = kNotFound;
-            ResetAndClear(stmt);
+        if (!BindDigestAndSize(stmt, event)) {
             return false;
         }
         if (sqlite3_step(stmt) == SQLITE_ROW) {
@@ -254,11 +263,7 @@ bool ZELKDAL::IsAllowedInDBSearch(const LookupStatements& set, ac_event& event, 
         event.isAuthorized = kNotFound;
         return false;
     }
-    if (BindInt64ByName(stmt, ":size", static_cast<int64_t>(event.size)) != SQLITE_OK ||
-        BindBlobByName(stmt, ":hash", event.fileSha256) != SQLITE_OK) {
-        ZWARNING("Unable to create query");
-        event.isAuthorized = kNotFound;
-        ResetAndClear(stmt);
+    if (!BindDigestAndSize(stmt, event)) {
         return false;
     }
     const int rc = sqlite3_step(stmt);

@@ -118,6 +118,22 @@ inline ac_wrapper_event_s EmptyEvent() {
     return event;
 }
 
+// A program start of `target` (4 bytes, SHA-256 `sha`) by /usr/bin/bash run
+// by alice; the record points at `target` and `sha`, which must outlive it.
+inline ac_wrapper_event_s ExecEvent(const std::string& target, uint8_t* sha) {
+    ac_wrapper_event_s e = EmptyEvent();
+    e.eventType = ZELK_EVENT_EXEC_PRE;
+    e.pid = 100;
+    e.processName = "/usr/bin/bash";
+    e.name = target.c_str();
+    e.user = "alice";
+    e.group = "staff";
+    e.isexec = 1;
+    e.size = 4;
+    e.fileSha256 = sha;
+    return e;
+}
+
 }  // namespace zelktest
 
 #endif  // ZELK_TESTS_TESTUTIL_H_

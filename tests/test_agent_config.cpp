@@ -68,8 +68,8 @@ TEST(AgentConfig, ErrorsNameTheLine) {
     }
     ConfigValues values;
     std::string error;
-    EXPECT_FALSE(zelkagent::ReadConfigFile(zelktest::ScratchDir() + "/missing.conf", Keys(),
-                                           values, error));
+    EXPECT_FALSE(
+        zelkagent::ReadConfigFile(zelktest::ScratchDir() + "/missing.conf", Keys(), values, error));
     EXPECT_NE(error.find("cannot read"), std::string::npos) << error;
 }
 

@@ -35,20 +35,6 @@ std::string Ruleset(int rules, int salt) {
     return json + "]}";
 }
 
-ac_wrapper_event_s ExecOf(const std::string& target, uint8_t* sha) {
-    ac_wrapper_event_s e = zelktest::EmptyEvent();
-    e.eventType = ZELK_EVENT_EXEC_PRE;
-    e.pid = 100;
-    e.processName = "/usr/bin/bash";
-    e.name = target.c_str();
-    e.user = "alice";
-    e.group = "staff";
-    e.isexec = 1;
-    e.size = 4;
-    e.fileSha256 = sha;
-    return e;
-}
-
 TEST(AtomicImport, ReadersSeeTheOldPolicyOrTheNewOneWhole) {
     const std::string dir = zelktest::ScratchDir();
     const std::string db = dir + "/ac.db";
@@ -106,7 +92,7 @@ TEST(AtomicImport, ReadersSeeTheOldPolicyOrTheNewOneWhole) {
         uint8_t sha[32];
         memset(sha, 0x55, sizeof(sha));
         while (!stop.load()) {
-            ac_wrapper_event_s e = ExecOf(target, sha);
+            ac_wrapper_event_s e = zelktest::ExecEvent(target, sha);
             ac_wrapper_response_s response;
             const uint32_t status = app_ctl(&e, &response);
             if (status != ZELK_STATUS_SUCCESS || response.action != ZELK_ACTION_ALLOW) {

@@ -187,17 +187,17 @@ TEST(DalImport, TrustRulesAndUserListsWithNullForEmptyTexts) {
 TEST(DalImport, ElementsAreReadAsGivenNeverSkipped) {
     std::string path = StartInScratch();
     const std::vector<std::string> rules = {
-        "5",                                                   // 1: no members at all
-        R"({"sha256": "<zz*32>", "fileName": "zz"})",          // 2: 'z' reads as 0
-        R"({"sha256": "<ab*31>", "fileName": "short"})",       // 3: last byte stays 0
-        R"({"sha256": "<ab*32>", "size": -1})",                // 4
-        R"({"sha256": "<ab*32>", "size": "12abc"})",           // 5: strtol stops at 'a'
-        R"({"sha256": "<ab*32>", "size": " 2"})",              // 6: leading blank
-        R"({"sha256": "<ab*32>", "size": "abc"})",             // 7: no digits
-        R"({"sha256": 7, "fileName": "nodigest"})",            // 8: not a string
-        R"({"sha256": "<ab*32>", "action": 5})",               // 9: no action
-        R"({"sha256": "<ab*32>", "fileName": []})",            // 10: no name
-        R"({"md5": "<ab*17>", "fileName": "md5long"})",        // 11: extra text ignored
+        "5",                                              // 1: no members at all
+        R"({"sha256": "<zz*32>", "fileName": "zz"})",     // 2: 'z' reads as 0
+        R"({"sha256": "<ab*31>", "fileName": "short"})",  // 3: last byte stays 0
+        R"({"sha256": "<ab*32>", "size": -1})",           // 4
+        R"({"sha256": "<ab*32>", "size": "12abc"})",      // 5: strtol stops at 'a'
+        R"({"sha256": "<ab*32>", "size": " 2"})",         // 6: leading blank
+        R"({"sha256": "<ab*32>", "size": "abc"})",        // 7: no digits
+        R"({"sha256": 7, "fileName": "nodigest"})",       // 8: not a string
+        R"({"sha256": "<ab*32>", "action": 5})",          // 9: no action
+        R"({"sha256": "<ab*32>", "fileName": []})",       // 10: no name
+        R"({"md5": "<ab*17>", "fileName": "md5long"})",   // 11: extra text ignored
         R"({"sha256": "<ab*32>", "size": "42", "fileName": "ok"})"};
     std::string document = "{\"rules\": [";
     for (size_t i = 0; i < rules.size(); ++i) {
@@ -222,20 +222,19 @@ TEST(DalImport, ElementsAreReadAsGivenNeverSkipped) {
 
     // Trust rules likewise: a sha256 of any text is decoded and stored, a
     // trust type as text goes through strtol.
-    const std::vector<std::string> trust = {R"({"trustType": "12abc", "processName": "a"})",
-                                            R"({"trustType": " 2", "processName": "b"})",
-                                            R"({"trustType": "x", "processName": "c"})",
-                                            R"({"sha256": "zz", "processName": "d"})",
-                                            R"({"processName": 5, "trustType": 3})"};
+    const std::vector<std::string> trust = {
+        R"({"trustType": "12abc", "processName": "a"})",
+        R"({"trustType": " 2", "processName": "b"})", R"({"trustType": "x", "processName": "c"})",
+        R"({"sha256": "zz", "processName": "d"})", R"({"processName": 5, "trustType": 3})"};
     std::string trustDocument = "{\"Trustrules\": [";
     for (size_t i = 0; i < trust.size(); ++i) {
         trustDocument += (i ? ", " : "") + trust[i];
     }
     ASSERT_EQ(Import(false, trustDocument + "]}", "ShapeTrustRules"), ZELK_STATUS_SUCCESS);
-    EXPECT_EQ(db.Column("SELECT quote(processName) ||' '|| trustType ||' '|| quote(sha256) FROM "
-                        "TrustRules ORDER BY trustRuleId;"),
-              (Rows{"'a' 12 NULL", "'b' 2 NULL", "'c' 0 NULL", X("'d' 0 X'<00*32>'"),
-                    "NULL 3 NULL"}));
+    EXPECT_EQ(
+        db.Column("SELECT quote(processName) ||' '|| trustType ||' '|| quote(sha256) FROM "
+                  "TrustRules ORDER BY trustRuleId;"),
+        (Rows{"'a' 12 NULL", "'b' 2 NULL", "'c' 0 NULL", X("'d' 0 X'<00*32>'"), "NULL 3 NULL"}));
 }
 
 TEST(DalImport, RejectedDocumentsChangeNothing) {

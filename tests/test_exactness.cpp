@@ -78,16 +78,7 @@ TEST(Exactness, EveryExportedFunctionLogsUnderItsOwnName) {
     zelktest::WriteFile(target, "body");
     uint8_t digest[32];
     memset(digest, 0xbb, sizeof(digest));
-    ac_wrapper_event_s event = zelktest::EmptyEvent();
-    event.eventType = ZELK_EVENT_EXEC_PRE;
-    event.pid = 100;
-    event.processName = "/usr/bin/bash";
-    event.name = target.c_str();
-    event.user = "alice";
-    event.group = "staff";
-    event.isexec = 1;
-    event.size = 4;
-    event.fileSha256 = digest;
+    ac_wrapper_event_s event = zelktest::ExecEvent(target, digest);
     ac_wrapper_response_s response;
     EXPECT_EQ(app_ctl(&event, &response), ZELK_STATUS_BLOCKED);
     records = Take();

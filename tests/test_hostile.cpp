@@ -153,8 +153,8 @@ TEST(Hostile, TenMillionElementRulesetWithinMemoryLimits) {
     const std::string dir = zelktest::ScratchDir();
     const std::string db = dir + "/ac.db";
     // One rule carrying ten million array elements: the parse is what costs.
-    std::string huge = "{\"rules\":[{\"sha256\":\"" + std::string(64, 'b') +
-                       "\",\"size\":1,\"junk\":[0";
+    std::string huge =
+        "{\"rules\":[{\"sha256\":\"" + std::string(64, 'b') + "\",\"size\":1,\"junk\":[0";
     for (int i = 1; i < 10000000; ++i) {
         huge += ",0";
     }

@@ -295,13 +295,17 @@ int main(int argc, char** argv) {
     settings.permissive = o.permissive;
     settings.failClosed = o.failClosed;
     zelkagent::AgentService service(settings);
+    // Leaving before the agent runs: the engine and the log stop first.
+    const auto fail = [](const std::string& why, int code) {
+        fprintf(stderr, "zelk-agent: %s\n", why.c_str());
+        engine_stop();
+        Log().Stop();
+        return code;
+    };
     {
         std::string changes;
         if (!service.LoadPolicy(changes, error)) {
-            fprintf(stderr, "zelk-agent: policy: %s\n", error.c_str());
-            engine_stop();
-            Log().Stop();
-            return kExitEngine;
+            return fail("policy: " + error, kExitEngine);
         }
         Log().Log(ZELK_LOG_INFO, "policy loaded: %s", changes.c_str());
     }
@@ -311,10 +315,7 @@ int main(int argc, char** argv) {
     }
     zelkagent::EventLog eventLog;
     if (!eventLog.Open(o.eventLog, error)) {
-        fprintf(stderr, "zelk-agent: %s\n", error.c_str());
-        engine_stop();
-        Log().Stop();
-        return kExitUsage;
+        return fail(error, kExitUsage);
     }
 
     zelkagent::AgentStats stats;
@@ -330,10 +331,7 @@ int main(int argc, char** argv) {
     agentOptions.policyLock = &service.PolicyLock();
     zelkagent::Agent agent(agentOptions, stats, cache);
     if (!agent.Start(error)) {
-        fprintf(stderr, "zelk-agent: %s\n", error.c_str());
-        engine_stop();
-        Log().Stop();
-        return kExitWatch;
+        return fail(error, kExitWatch);
     }
     service.Attach(&agent, &stats, &cache);
     hostkit::ControlServer control;
