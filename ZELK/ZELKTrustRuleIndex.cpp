@@ -212,6 +212,20 @@ void ZELKTrustRuleIndex::File(uint32_t index) {
         AddOnce(type->byWildcard[BucketKey(rule.processText)], index);
         return;
     }
+    // Equality fields: an event matches only with the same text or digest
+    // (an empty one is bound as NULL and equals nothing).
+    if (!rule.signerName.IsNull()) {
+        if (rule.signerName.kind == Value::kText && !rule.signerName.bytes.empty()) {
+            AddOnce(type->bySigner[rule.signerName.bytes], index);
+        }
+        return;
+    }
+    if (!rule.sha256.IsNull()) {
+        if (rule.sha256.kind == Value::kBlob && !rule.sha256.bytes.empty()) {
+            AddOnce(type->bySha256[rule.sha256.bytes], index);
+        }
+        return;
+    }
     type->always.push_back(index);
 }
 
@@ -241,6 +255,13 @@ void ZELKTrustRuleIndex::Gather(const TypeIndex& type, const Probe& probe,
     append(type.byProcess, probe.processName);
     appendPrefixes(type.byPath, probe.name);
     appendPrefixes(type.byWildcard, probe.processName);
+    if (!probe.signerName.empty()) {
+        append(type.bySigner, probe.signerName);
+    }
+    if (probe.sha256.HasBytes() && !type.bySha256.empty()) {
+        key.assign(reinterpret_cast<const char*>(probe.sha256.Bytes()), probe.sha256.Length());
+        append(type.bySha256, key);
+    }
     out.insert(out.end(), type.always.begin(), type.always.end());
 }
 

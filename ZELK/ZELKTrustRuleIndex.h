@@ -17,7 +17,9 @@
 //     (everything before the first "*" or "?"), cut after its last separator;
 //     a pattern can only match paths that begin with its literal head;
 //   - otherwise, a wildcard process name: its literal head, cut the same way;
-//   - otherwise (no process, no paths): a list tested for every event.
+//   - otherwise (no process, no paths), a signer name: the name (an event
+//     without that signer cannot match), or else a SHA-256: the digest;
+//   - otherwise: a list tested for every event.
 // A lookup gathers the buckets of the event's process name and of every
 // directory prefix of its paths, for the asked type and for type 0, and tests
 // the gathered rules in id order until one matches.
@@ -94,6 +96,8 @@ class ZELKTrustRuleIndex {
         Buckets byProcess;   // plain process names
         Buckets byPath;      // literal heads of path patterns
         Buckets byWildcard;  // literal heads of wildcard process names
+        Buckets bySigner;    // no process, no paths: by signer name
+        Buckets bySha256;    // no process, no paths, no signer: by digest
         Bucket always;
     };
 
