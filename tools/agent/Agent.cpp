@@ -35,6 +35,8 @@ std::string DigestHex(const std::optional<std::array<uint8_t, 32>>& digest) {
     return hex;
 }
 
+constexpr uint64_t kProtExec = 4;
+
 uint64_t MonotonicNs() {
     struct timespec ts;
     clock_gettime(CLOCK_MONOTONIC, &ts);
@@ -141,15 +143,35 @@ bool Agent::Start(std::string& error) {
         error = Errno("fanotify_init(FAN_CLASS_CONTENT)");
         return false;
     }
-    m_MarkFlags = m_Options.mount ? FAN_MARK_MOUNT : 0;
+    // Opens are held too, as an interpreter reads its script and the loader
+    // its program and shared objects by plain opens.  A watched tree has a
+    // mark on each of its folders (a mark on the whole mount would hold every
+    // open of the machine's other files too); folders made later are marked
+    // as their creation is reported.
+    const bool mounts = m_Options.mount || m_Options.allMounts;
+    m_MarkFlags = mounts ? FAN_MARK_MOUNT : 0;
     const uint64_t mask =
-        FAN_OPEN_EXEC_PERM | FAN_CLOSE_WRITE | (m_Options.mount ? 0 : FAN_EVENT_ON_CHILD);
-    for (const std::string& dir : m_Options.watch) {
+        FAN_OPEN_EXEC_PERM | FAN_OPEN_PERM | FAN_CLOSE_WRITE | (mounts ? 0 : FAN_EVENT_ON_CHILD);
+    const std::vector<std::string> marked =
+        m_Options.allMounts ? MountPoints(m_Options.skipFsTypes.empty() ? DefaultSkippedFsTypes()
+                                                                        : m_Options.skipFsTypes)
+        : m_Options.mount   ? m_Options.watch
+                            : FoldersBelow(m_Options.watch);
+    size_t markedCount = 0;
+    for (const std::string& dir : marked) {
         if (fanotify_mark(m_PermFd, FAN_MARK_ADD | m_MarkFlags, mask, AT_FDCWD, dir.c_str()) != 0) {
             error = Errno(("fanotify_mark(FAN_OPEN_EXEC_PERM) on " + dir).c_str());
+            if (m_Options.allMounts) {
+                // Some file systems take no permission marks; the rest are
+                // still worth holding.
+                Log().Log(ZELK_LOG_WARNING, "mount not watched: %s", error.c_str());
+                error.clear();
+                continue;
+            }
             Stop();
             return false;
         }
+        ++markedCount;
         int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
         struct statfs sfs;
         if (fd >= 0 && fstatfs(fd, &sfs) == 0) {
@@ -170,28 +192,38 @@ bool Agent::Start(std::string& error) {
         }
     }
 
+    if (markedCount == 0) {
+        error = "no mount could be watched";
+        Stop();
+        return false;
+    }
+
     // Creates, renames and deletes arrive as directory handle plus name; a
     // kernel without that reporting still gets program starts and writes.
     m_NameFd = fanotify_init(
         FAN_CLASS_NOTIF | FAN_CLOEXEC | FAN_NONBLOCK | FAN_REPORT_DFID_NAME | FAN_UNLIMITED_QUEUE,
         O_RDONLY | O_CLOEXEC);
     std::string nameError = m_NameFd < 0 ? Errno("fanotify_init(FAN_REPORT_DFID_NAME)") : "";
-    const unsigned nameFlags = FAN_MARK_ADD | (m_Options.mount ? FAN_MARK_FILESYSTEM : 0);
-    for (const std::string& dir : m_Options.watch) {
+    const unsigned nameFlags = FAN_MARK_ADD | (mounts ? FAN_MARK_FILESYSTEM : 0);
+    for (const std::string& dir : marked) {
         if (m_NameFd < 0) {
             break;
         }
-        uint64_t nameMask = FAN_CREATE | FAN_DELETE | FAN_MOVED_TO;
+        uint64_t nameMask = FAN_CREATE | FAN_DELETE | FAN_MOVED_TO | FAN_ONDIR;
 #ifdef FAN_RENAME
-        nameMask = FAN_CREATE | FAN_DELETE | FAN_RENAME;
+        nameMask = FAN_CREATE | FAN_DELETE | FAN_RENAME | FAN_ONDIR;
 #endif
         int rc = fanotify_mark(m_NameFd, nameFlags, nameMask, AT_FDCWD, dir.c_str());
         if (rc != 0 && errno == EINVAL) {
             // Before FAN_RENAME a move is seen only at its destination.
-            rc = fanotify_mark(m_NameFd, nameFlags, FAN_CREATE | FAN_DELETE | FAN_MOVED_TO,
-                               AT_FDCWD, dir.c_str());
+            rc = fanotify_mark(m_NameFd, nameFlags,
+                               FAN_CREATE | FAN_DELETE | FAN_MOVED_TO | FAN_ONDIR, AT_FDCWD,
+                               dir.c_str());
         }
-        if (rc != 0) {
+        if (rc != 0 && m_Options.allMounts) {
+            Log().Log(ZELK_LOG_WARNING, "creates, renames and deletes on %s are not reported: %s",
+                      dir.c_str(), strerror(errno));
+        } else if (rc != 0) {
             nameError = Errno(("fanotify_mark(FAN_CREATE) on " + dir).c_str());
             close(m_NameFd);
             m_NameFd = -1;
@@ -230,8 +262,8 @@ void Agent::Stop() {
         // No new events from here on; those already queued are still read.
         fanotify_mark(m_PermFd, FAN_MARK_FLUSH | m_MarkFlags, 0, AT_FDCWD, nullptr);
         if (m_NameFd >= 0) {
-            fanotify_mark(m_NameFd, FAN_MARK_FLUSH | (m_Options.mount ? FAN_MARK_FILESYSTEM : 0), 0,
-                          AT_FDCWD, nullptr);
+            fanotify_mark(m_NameFd, FAN_MARK_FLUSH | (m_MarkFlags != 0 ? FAN_MARK_FILESYSTEM : 0),
+                          0, AT_FDCWD, nullptr);
         }
         uint64_t one = 1;
         ssize_t ignored = write(m_StopFd, &one, sizeof(one));
@@ -333,7 +365,9 @@ bool Agent::ReadEvents(int fd, bool nameGroup, std::vector<char>& buffer) {
             job.info.assign(start + m->metadata_len, start + m->event_len);
         } else {
             job.fd = m->fd;
-            job.type = (m->mask & FAN_OPEN_EXEC_PERM) ? Job::kExec : Job::kCloseWrite;
+            job.type = (m->mask & FAN_OPEN_EXEC_PERM) ? Job::kExec
+                       : (m->mask & FAN_OPEN_PERM)    ? Job::kOpen
+                                                      : Job::kCloseWrite;
             if (job.fd < 0) {
                 continue;
             }
@@ -341,7 +375,7 @@ bool Agent::ReadEvents(int fd, bool nameGroup, std::vector<char>& buffer) {
         if (job.pid == m_Self) {
             // The agent's own files (its database, its log) never wait on it.
             m_Stats.OwnEvent();
-            if (job.type == Job::kExec) {
+            if (job.Held()) {
                 Answer(job.fd, true);
             }
             if (job.fd >= 0) {
@@ -349,26 +383,55 @@ bool Agent::ReadEvents(int fd, bool nameGroup, std::vector<char>& buffer) {
             }
             continue;
         }
-        if (job.type == Job::kExec) {
-            // A file hashed before is decided right here: a hand-over to a
-            // worker costs a wake-up, which on a busy machine is most of the
-            // delay a program start sees.  Whatever needs reading goes to
-            // the pool, so one large file never holds up the reader.
-            KnownTarget known;
-            if (m_Cache.Cached(job.fd, known.st, known.digests)) {
-                HandleExec(job, &known);
-                continue;
-            }
+        if (!nameGroup && !OnDecisionPath(job)) {
+            continue;
         }
+        // Every decision goes to the pool, even for a file hashed before: the
+        // engine may open its database, and on a marked mount that open waits
+        // for this very thread to answer it.
         Dispatch(std::move(job));
     }
     return true;
 }
 
+bool Agent::OnDecisionPath(Job& job) {
+    bool keep = true;
+    if (job.type == Job::kOpen) {
+        struct stat st;
+        keep = fstat(job.fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0;
+    }
+    if (!keep) {
+        if (job.Held()) {
+            Answer(job.fd, true);
+        }
+        close(job.fd);
+        job.fd = -1;
+    }
+    return keep;
+}
+
+uint32_t Agent::OpenKind(const Job& job) const {
+    std::string interp;
+    switch (ClassifyElf(job.fd, interp)) {
+        case ElfKind::kLibrary:
+            // LD_PRELOAD, dlopen and the loader's own search all open the
+            // object before mapping it.
+            return ZELK_EVENT_MMAP_PRE;
+        case ElfKind::kProgram:
+            // A started program was decided at its start; only the loader
+            // run by hand reads one to run it.
+            return IsLoaderOf(job.pid, interp) ? ZELK_EVENT_MMAP_PRE : 0;
+        case ElfKind::kNone:
+        default:
+            // The engine knows which processes interpret which files.
+            return ZELK_EVENT_CREATE_PRE;
+    }
+}
+
 void Agent::Dispatch(Job&& job) {
     bool waited = false;
     const int fd = job.fd;
-    const bool exec = job.type == Job::kExec;
+    const bool exec = job.Held();
     WorkQueue<Job>& queue = exec ? m_Queue : m_FileQueue;
     if (!queue.Push(std::move(job), waited)) {
         if (exec) {
@@ -390,6 +453,7 @@ void Agent::WorkerLoop(WorkQueue<Job>* queue) {
         try {
             switch (job.type) {
                 case Job::kExec:
+                case Job::kOpen:
                     HandleExec(job);
                     break;
                 case Job::kCloseWrite:
@@ -405,7 +469,7 @@ void Agent::WorkerLoop(WorkQueue<Job>* queue) {
             m_Stats.Error();
             Log().Log(ZELK_LOG_ERROR, "event of pid %d: %s", static_cast<int>(job.pid), e.what());
             if (job.fd >= 0) {
-                if (job.type == Job::kExec) {
+                if (job.Held()) {
                     Answer(job.fd, !m_Options.failClosed);
                 }
                 close(job.fd);
@@ -443,6 +507,16 @@ void Agent::DescribeProcess(pid_t pid, int pidfd, hostkit::HostEvent& event) {
 }
 
 void Agent::HandleExec(Job& job, const KnownTarget* known) {
+    const uint32_t rawType = job.type == Job::kExec ? ZELK_EVENT_EXEC_PRE : OpenKind(job);
+    if (rawType == 0) {
+        Answer(job.fd, true);
+        close(job.fd);
+        job.fd = -1;
+        return;
+    }
+    const char* what = rawType == ZELK_EVENT_EXEC_PRE   ? "exec"
+                       : rawType == ZELK_EVENT_MMAP_PRE ? "map"
+                                                        : "script";
     m_Stats.Count(kKindExec);
     m_Stats.RecordQueueWait(MonotonicNs() - job.readNs);
     std::string path;
@@ -459,14 +533,20 @@ void Agent::HandleExec(Job& job, const KnownTarget* known) {
         st = known->st;
         digests = known->digests;
     }
-    if (!hostkit::PathOfFd(job.fd, path, m_FdDir)) {
+    if (!job.path.empty()) {
+        path = std::move(job.path);
+    }
+    if (path.empty() && !hostkit::PathOfFd(job.fd, path, m_FdDir)) {
         failure = "cannot read the target's path";
     } else if (known == nullptr && !m_Cache.DigestOf(job.fd, st, digests, hit, err)) {
         failure = std::string("cannot hash the target: ") + strerror(err);
     } else {
-        event.eventType = ZELK_EVENT_EXEC_PRE;
+        event.eventType = rawType;
         event.name = path;
         SetFileStat(st, event);
+        if (rawType == ZELK_EVENT_MMAP_PRE) {
+            event.mode = kProtExec;  // a mapping reports its protection
+        }
         SetDigests(digests, event);
         DescribeProcess(job.pid, job.pidfd.Get(), event);
         ac_wrapper_event_s raw = event.Raw();
@@ -504,20 +584,20 @@ void Agent::HandleExec(Job& job, const KnownTarget* known) {
     const int pid = static_cast<int>(job.pid);
     if (!failure.empty()) {
         m_Stats.Error();
-        log.Log(ZELK_LOG_ERROR, "exec %s by pid %d: %s; %s", path.empty() ? "?" : path.c_str(), pid,
-                failure.c_str(), allow ? "allowed (fail-open)" : "denied (fail-closed)");
+        log.Log(ZELK_LOG_ERROR, "%s %s by pid %d: %s; %s", what, path.empty() ? "?" : path.c_str(),
+                pid, failure.c_str(), allow ? "allowed (fail-open)" : "denied (fail-closed)");
         return;
     }
     if (rc != ZELK_STATUS_SUCCESS && rc != ZELK_STATUS_BLOCKED) {
         m_Stats.EngineError();
-        log.Log(ZELK_LOG_WARNING, "exec %s by pid %d: the engine gave no verdict (0x%08X); allowed",
-                path.c_str(), pid, rc);
+        log.Log(ZELK_LOG_WARNING, "%s %s by pid %d: the engine gave no verdict (0x%08X); allowed",
+                what, path.c_str(), pid, rc);
         return;
     }
     const std::string ruleset = Ruleset(response);
     if (!allow || wouldDeny) {
-        log.Log(ZELK_LOG_INFO, "%s exec %s by %s (pid %d, user %s): %s%s%s",
-                wouldDeny ? "would deny (permissive)" : "denied", path.c_str(),
+        log.Log(ZELK_LOG_INFO, "%s %s %s by %s (pid %d, user %s): %s%s%s",
+                wouldDeny ? "would deny (permissive)" : "denied", what, path.c_str(),
                 Text(event.processName), pid, Text(event.user),
                 ruleset.empty() ? "not allowed" : "ruleset '", ruleset.c_str(),
                 ruleset.empty() ? "" : "'");
@@ -536,14 +616,14 @@ void Agent::HandleExec(Job& job, const KnownTarget* known) {
         }
     } else if (response.action == ZELK_ACTION_BLOCK) {
         log.Log(ZELK_LOG_INFO,
-                "allowed exec %s by %s (pid %d): would be blocked, the agent manifest is not "
+                "allowed %s %s by %s (pid %d): would be blocked, the agent manifest is not "
                 "applied yet",
-                path.c_str(), Text(event.processName), pid);
+                what, path.c_str(), Text(event.processName), pid);
     } else if (response.action == ZELK_ACTION_ALLOW && response.isAuthorized == 0) {
-        log.Log(ZELK_LOG_INFO, "allowed unknown exec %s by %s (pid %d, user %s): log-only",
+        log.Log(ZELK_LOG_INFO, "allowed unknown %s %s by %s (pid %d, user %s): log-only", what,
                 path.c_str(), Text(event.processName), pid, Text(event.user));
     } else if (log.Enabled(ZELK_LOG_TRACE)) {
-        log.Log(ZELK_LOG_TRACE, "allowed exec %s by %s (pid %d): action %u, source %u%s%s%s",
+        log.Log(ZELK_LOG_TRACE, "allowed %s %s by %s (pid %d): action %u, source %u%s%s%s", what,
                 path.c_str(), Text(event.processName), pid, response.action, response.source,
                 ruleset.empty() ? "" : ", ruleset '", ruleset.c_str(), ruleset.empty() ? "" : "'");
     }
@@ -641,8 +721,47 @@ bool Agent::ResolveName(const char* record, std::string& path, bool& isOld) cons
     return true;
 }
 
+void Agent::MarkNewFolder(const std::string& dir) {
+    if (m_MarkFlags != 0) {
+        return;  // whole mounts cover it already
+    }
+    // The folder may have filled before this mark: its own folders too.
+    for (const std::string& sub : FoldersBelow({dir})) {
+        const bool held =
+            fanotify_mark(m_PermFd, FAN_MARK_ADD,
+                          FAN_OPEN_EXEC_PERM | FAN_OPEN_PERM | FAN_CLOSE_WRITE | FAN_EVENT_ON_CHILD,
+                          AT_FDCWD, sub.c_str()) == 0;
+        if (!held) {
+            m_Stats.Error();
+            Log().Log(ZELK_LOG_ERROR, "new folder %s is not watched: %s", sub.c_str(),
+                      strerror(errno));
+            continue;
+        }
+        fanotify_mark(m_NameFd, FAN_MARK_ADD, FAN_CREATE | FAN_DELETE | FAN_MOVED_TO | FAN_ONDIR,
+                      AT_FDCWD, sub.c_str());
+        Log().Log(ZELK_LOG_TRACE, "watching new folder %s", sub.c_str());
+    }
+}
+
 void Agent::HandleName(Job& job) {
     if (job.mask & FAN_ONDIR) {
+        if (job.mask & (FAN_CREATE | FAN_MOVED_TO)) {
+            for (size_t at = 0;
+                 at + sizeof(struct fanotify_event_info_header) <= job.info.size();) {
+                const auto* hdr =
+                    reinterpret_cast<const struct fanotify_event_info_header*>(&job.info[at]);
+                if (hdr->len == 0 || at + hdr->len > job.info.size()) {
+                    break;
+                }
+                std::string path;
+                bool isOld = false;
+                if (hdr->info_type == FAN_EVENT_INFO_TYPE_DFID_NAME &&
+                    ResolveName(&job.info[at], path, isOld) && !isOld) {
+                    MarkNewFolder(path);
+                }
+                at += hdr->len;
+            }
+        }
         return;
     }
     std::string name, oldName;

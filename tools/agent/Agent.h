@@ -26,6 +26,7 @@
 #include "DigestCache.h"
 #include "HostEvent.h"
 #include "HostProcess.h"
+#include "Scope.h"
 #include "WorkQueue.h"
 
 namespace zelkagent {
@@ -33,10 +34,12 @@ namespace zelkagent {
 class EventLog;
 
 struct AgentOptions {
-    std::vector<std::string> watch;  // folders; their direct children are watched
-    bool mount = false;              // mark the mounts holding the folders instead
-    bool failClosed = false;         // deny a program start the agent cannot describe
-    bool permissive = false;         // deny nothing; log would-be denials
+    std::vector<std::string> watch;        // folders; every file below them at any depth
+    bool mount = false;                    // decide about everything on the folders' mounts
+    bool allMounts = false;                // decide about every mount of the machine
+    std::vector<std::string> skipFsTypes;  // with allMounts; empty: the usual pseudo types
+    bool failClosed = false;               // deny a program start the agent cannot describe
+    bool permissive = false;               // deny nothing; log would-be denials
     unsigned workers = 4;
     size_t queueCapacity = 256;
     // Denials, would-be denials and drift as structured records; may be null.
@@ -74,7 +77,10 @@ class OwnedFd {
 
 // One event taken from the kernel, owned by the queue until a worker takes it.
 struct Job {
-    enum Type { kExec, kCloseWrite, kName } type = kExec;
+    // kOpen: a file opened by a running process, which may be an interpreter
+    // reading a script or the loader reading a program or shared object.
+    enum Type { kExec, kOpen, kCloseWrite, kName } type = kExec;
+    bool Held() const { return type == kExec || type == kOpen; }
     // Event descriptor (kExec, kCloseWrite).  Closed by hand, as a permission
     // event's must be answered before it goes.
     int fd = -1;
@@ -83,6 +89,7 @@ struct Job {
     uint64_t mask = 0;
     uint64_t readNs = 0;     // monotonic time the reader took the event
     std::vector<char> info;  // the information records of a kName event
+    std::string path;        // the target's path, where the reader read it already
 };
 
 class Agent {
@@ -117,6 +124,9 @@ class Agent {
     // other than "nothing there".
     bool ReadEvents(int fd, bool nameGroup, std::vector<char>& buffer);
     void Dispatch(Job&& job);
+    // False, with the event answered and closed, for an event that needs no
+    // decision: outside the watched trees, or an open of no regular file.
+    bool OnDecisionPath(Job& job);
     void WorkerLoop(WorkQueue<Job>* queue);
     // Decides a program start.  `known` carries the target's status and
     // digests when the caller already has them from the digest cache.
@@ -125,8 +135,13 @@ class Agent {
         hostkit::FileDigests digests;
     };
     void HandleExec(Job& job, const KnownTarget* known = nullptr);
+    // What an open means to the engine: the raw code to report it with, or
+    // 0 for an open that starts nothing (a program read but not run).
+    uint32_t OpenKind(const Job& job) const;
     void HandleCloseWrite(Job& job);
     void HandleName(Job& job);
+    // Marks a folder created (or moved) into a watched tree, and its folders.
+    void MarkNewFolder(const std::string& dir);
     // Writes the answer for a permission event; counts and logs a failure.
     void Answer(int fd, bool allow);
     // The acting process's image, command line, user and group; what has
