@@ -529,6 +529,7 @@ void Agent::HandleExec(Job& job, const KnownTarget* known) {
     hostkit::FileDigests digests;
     bool hit = false;
     int err = 0;
+    bool unchanged = known != nullptr;
     if (known != nullptr) {
         st = known->st;
         digests = known->digests;
@@ -538,25 +539,37 @@ void Agent::HandleExec(Job& job, const KnownTarget* known) {
     }
     if (path.empty() && !hostkit::PathOfFd(job.fd, path, m_FdDir)) {
         failure = "cannot read the target's path";
-    } else if (known == nullptr && !m_Cache.DigestOf(job.fd, st, digests, hit, err)) {
+    } else if (!unchanged && !(unchanged = m_Cache.Cached(job.fd, st, digests)) &&
+               !m_Cache.DigestOf(job.fd, st, digests, hit, err)) {
         failure = std::string("cannot hash the target: ") + strerror(err);
     } else {
-        event.eventType = rawType;
         event.name = path;
-        SetFileStat(st, event);
-        if (rawType == ZELK_EVENT_MMAP_PRE) {
-            event.mode = kProtExec;  // a mapping reports its protection
-        }
-        SetDigests(digests, event);
         DescribeProcess(job.pid, job.pidfd.Get(), event);
-        ac_wrapper_event_s raw = event.Raw();
         const uint64_t engineStart = MonotonicNs();
-        {
-            // A policy reload of several documents is one change.
-            std::shared_lock<std::shared_mutex> policy;
-            if (m_Options.policyLock != nullptr) {
-                policy = std::shared_lock<std::shared_mutex>(*m_Options.policyLock);
+        // A policy reload of several documents is one change.
+        std::shared_lock<std::shared_mutex> policy;
+        if (m_Options.policyLock != nullptr) {
+            policy = std::shared_lock<std::shared_mutex>(*m_Options.policyLock);
+        }
+        bool cachedAllow = false;
+        if (unchanged) {
+            // The file is as it was when last hashed, so an approval the
+            // engine remembers for this user, process and file still holds:
+            // its allow cache answers before a full event is built.
+            event.eventType = ZELK_EVENT_CACHED;
+            ac_wrapper_event_s probe = event.Raw();
+            rc = app_ctl(&probe, &response);
+            cachedAllow = rc == ZELK_STATUS_SUCCESS && response.action == ZELK_ACTION_ALLOW;
+        }
+        if (!cachedAllow) {
+            memset(&response, 0, sizeof(response));
+            event.eventType = rawType;
+            SetFileStat(st, event);
+            if (rawType == ZELK_EVENT_MMAP_PRE) {
+                event.mode = kProtExec;  // a mapping reports its protection
             }
+            SetDigests(digests, event);
+            ac_wrapper_event_s raw = event.Raw();
             rc = app_ctl(&raw, &response);
         }
         m_Stats.RecordEngine(MonotonicNs() - engineStart);
