@@ -122,6 +122,7 @@ class AgentBypassTest : public ::testing::Test {
                                          m_Dir + "/manifest.json:agent_manifest",
                                          "--ruleset",
                                          m_Dir + "/rules.json:Weekly"};
+        args.insert(args.end(), m_Extra.begin(), m_Extra.end());
         std::vector<char*> argv;
         for (std::string& a : args) {
             argv.push_back(a.data());
@@ -165,6 +166,7 @@ class AgentBypassTest : public ::testing::Test {
     }
 
     std::string m_Dir, m_Watch, m_Log;
+    std::vector<std::string> m_Extra;  // further agent arguments
     pid_t m_Agent = 0;
 };
 
@@ -208,4 +210,42 @@ TEST_F(AgentBypassTest, PermissiveRunsEverythingAndLogsWouldBeDenials) {
           "map " + m_Watch + "/unknown.so"}) {
         EXPECT_TRUE(Logged("would deny (permissive) " + would)) << would;
     }
+}
+
+// Files the package manager writes are trusted drift: a program installed by
+// dpkg while the agent runs in lockdown runs at once.
+TEST_F(AgentBypassTest, ProgramInstalledByThePackageManagerRunsInLockdown) {
+    if (!Shell("command -v dpkg-deb >/dev/null && command -v dpkg >/dev/null")) {
+        GTEST_SKIP() << "needs dpkg and dpkg-deb";
+    }
+    const std::string root = m_Dir + "/pkgroot", prefix = m_Watch + "/opt/zelktest";
+    const std::string program = prefix + "/bin/packaged";
+    fs::create_directories(root + "/DEBIAN");
+    fs::create_directories(root + prefix + "/bin");
+    zelktest::WriteFile(root + "/DEBIAN/control",
+                        "Package: zelk-agent-test-pkg\nVersion: 1.0\nArchitecture: all\n"
+                        "Maintainer: zelk tests <root@localhost>\nDescription: test package\n");
+    zelktest::WriteFile(root + program, zelktest::ReadFile("/bin/true") + "packaged");
+    fs::permissions(root + program, fs::perms(0755));
+    ASSERT_TRUE(Shell("dpkg-deb --build --root-owner-group " + root + " " + m_Dir +
+                      "/test.deb >/dev/null"));
+
+    // The prefix exists before the agent starts, as on an installed system.
+    fs::create_directories(prefix + "/bin");
+    // Package managers are trusted by policy: a trusted-source-process rule.
+    zelktest::WriteFile(m_Dir + "/trust.json",
+                        "{\"Trustrules\":[{\"processName\":\"/usr/bin/dpkg\",\"trustType\":1}]}");
+    m_Extra = {"--ruleset", m_Dir + "/trust.json:TrustRules-packages"};
+    Start("--lockdown");
+    const bool installed = Shell("dpkg -i " + m_Dir + "/test.deb >/dev/null");
+    EXPECT_TRUE(installed);
+    if (installed) {
+        EXPECT_TRUE(Shell(program)) << zelktest::ReadFile(m_Log);
+        EXPECT_FALSE(Logged("denied exec " + program));
+        // dpkg writes beside the target and renames it into place.
+        EXPECT_TRUE(Logged("drift " + program)) << zelktest::ReadFile(m_Log);
+        EXPECT_TRUE(Logged("written by /usr/bin/dpkg"));
+        EXPECT_FALSE(Logged("not trusted, left unknown"));
+    }
+    EXPECT_TRUE(Shell("dpkg -P zelk-agent-test-pkg >/dev/null"));
 }

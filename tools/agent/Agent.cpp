@@ -758,7 +758,11 @@ void Agent::MarkNewFolder(const std::string& dir) {
 
 void Agent::HandleName(Job& job) {
     if (job.mask & FAN_ONDIR) {
-        if (job.mask & (FAN_CREATE | FAN_MOVED_TO)) {
+        uint64_t arrived = FAN_CREATE | FAN_MOVED_TO;
+#ifdef FAN_RENAME
+        arrived |= FAN_RENAME;
+#endif
+        if (job.mask & arrived) {
             for (size_t at = 0;
                  at + sizeof(struct fanotify_event_info_header) <= job.info.size();) {
                 const auto* hdr =
@@ -768,8 +772,11 @@ void Agent::HandleName(Job& job) {
                 }
                 std::string path;
                 bool isOld = false;
-                if (hdr->info_type == FAN_EVENT_INFO_TYPE_DFID_NAME &&
-                    ResolveName(&job.info[at], path, isOld) && !isOld) {
+                bool named = hdr->info_type == FAN_EVENT_INFO_TYPE_DFID_NAME;
+#ifdef FAN_EVENT_INFO_TYPE_NEW_DFID_NAME
+                named = named || hdr->info_type == FAN_EVENT_INFO_TYPE_NEW_DFID_NAME;
+#endif
+                if (named && ResolveName(&job.info[at], path, isOld) && !isOld) {
                     MarkNewFolder(path);
                 }
                 at += hdr->len;
