@@ -1,12 +1,15 @@
 // The fanotify side of zelk-agent: one group of the content class that holds
-// program starts (FAN_OPEN_EXEC_PERM) until the engine has decided and reports
-// files closed after writing, and, where the kernel offers it, a second group
-// reporting creates, renames and deletes by directory and name.  A reader
-// thread takes events from the kernel and hands them to a pool of workers
-// through a bounded queue; each worker describes its event to the engine,
-// answers the kernel, and only then logs.  File changes go to one worker of
-// their own, in the order the kernel reported them: two writes of one file
-// decided out of order would leave the older content approved.
+// program starts (FAN_OPEN_EXEC_PERM) and opens (FAN_OPEN_PERM: scripts read
+// by interpreters, programs and shared objects read by the loader) until the
+// engine has decided, and reports files closed after writing; and, where the
+// kernel offers it, a second group reporting creates, renames and deletes by
+// directory and name.  A reader thread takes events from the kernel and hands
+// them to a pool of workers through a bounded queue; each worker describes
+// its event to the engine, answers the kernel, and only then logs.  File
+// changes go to one worker of their own, in the order the kernel reported
+// them: two writes of one file decided out of order would leave the older
+// content approved.  Deciding lives in AgentDecide.cpp, file changes in
+// AgentChanges.cpp.
 #ifndef ZELK_TOOLS_AGENT_AGENT_H_
 #define ZELK_TOOLS_AGENT_AGENT_H_
 
