@@ -155,11 +155,13 @@ int main(int argc, char** argv) {
         ->check(CLI::NonNegativeNumber);
     CLI::Option* mountOpt =
         app.add_flag("--mount", o.mount, "Watch the whole mounts that hold the --watch folders");
-    app.add_flag("--all-mounts", o.allMounts,
-                 "Watch every mount of the machine except kernel and pseudo file systems");
-    app.add_option("--skip-fs-type", o.skipFsTypes,
-                   "With --all-mounts: a file-system type left unwatched (repeatable; replaces "
-                   "the default list of pseudo file systems)");
+    CLI::Option* allMountsOpt =
+        app.add_flag("--all-mounts", o.allMounts,
+                     "Watch every mount of the machine except kernel and pseudo file systems");
+    CLI::Option* skipFsOpt =
+        app.add_option("--skip-fs-type", o.skipFsTypes,
+                       "With --all-mounts: a file-system type left unwatched (repeatable; replaces "
+                       "the default list of pseudo file systems)");
     CLI::Option* logFileOpt =
         app.add_option("--log-file", o.logFile, "Append the log to this file, not stderr");
     CLI::Option* logLevelOpt =
@@ -193,6 +195,8 @@ int main(int argc, char** argv) {
             {"database", ConfigKey::kText},
             {"watch", ConfigKey::kList},
             {"mount", ConfigKey::kBool},
+            {"all_mounts", ConfigKey::kBool},
+            {"skip_fs_types", ConfigKey::kList},
             {"mode", ConfigKey::kChoice, 0, 0, {"log-only", "lockdown", "permissive"}},
             {"fail_closed", ConfigKey::kBool},
             {"workers", ConfigKey::kUnsigned, 1, 64},
@@ -224,6 +228,10 @@ int main(int argc, char** argv) {
             o.watch = values["watch"].words;
         }
         flag("mount", mountOpt, o.mount);
+        flag("all_mounts", allMountsOpt, o.allMounts);
+        if (values.count("skip_fs_types") && skipFsOpt->count() == 0) {
+            o.skipFsTypes = values["skip_fs_types"].words;
+        }
         if (values.count("mode") && lockdownOpt->count() == 0 && permissiveOpt->count() == 0) {
             o.lockdown = values["mode"].text == "lockdown";
             o.permissive = values["mode"].text == "permissive";
