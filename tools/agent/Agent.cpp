@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "AgentEvent.h"
 #include "EventLog.h"
 #include "HostConfig.h"
 #include "HostEvent.h"
@@ -22,68 +23,8 @@
 namespace zelkagent {
 namespace {
 
-// A digest as the event log shows it: lowercase hex, "" when unknown.
-std::string DigestHex(const std::optional<std::array<uint8_t, 32>>& digest) {
-    static const char* digits = "0123456789abcdef";
-    std::string hex;
-    if (digest) {
-        for (uint8_t b : *digest) {
-            hex += digits[b >> 4];
-            hex += digits[b & 15];
-        }
-    }
-    return hex;
-}
-
-uint64_t MonotonicNs() {
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<uint64_t>(ts.tv_sec) * 1000000000ULL + static_cast<uint64_t>(ts.tv_nsec);
-}
-
 std::string Errno(const char* what) {
     return std::string(what) + ": " + strerror(errno);
-}
-
-void SetDigests(const hostkit::FileDigests& d, hostkit::HostEvent& e) {
-    e.fileMd5.emplace();
-    e.fileSha1.emplace();
-    e.fileSha256.emplace();
-    memcpy(e.fileMd5->data(), d.md5, sizeof(d.md5));
-    memcpy(e.fileSha1->data(), d.sha1, sizeof(d.sha1));
-    memcpy(e.fileSha256->data(), d.sha256, sizeof(d.sha256));
-}
-
-void SetFileStat(const struct stat& st, hostkit::HostEvent& e) {
-    e.size = static_cast<uint64_t>(st.st_size);
-    e.mode = static_cast<uint64_t>(st.st_mode);
-    e.isexec = S_ISREG(st.st_mode) && (st.st_mode & 0111) != 0;
-}
-
-std::string Ruleset(const ac_wrapper_response_s& r) {
-    return std::string(r.ruleset, strnlen(r.ruleset, sizeof(r.ruleset)));
-}
-
-const char* Text(const std::optional<std::string>& s) {
-    return s ? s->c_str() : "?";
-}
-
-// How a drift decision reads in the log.
-const char* DriftState(uint32_t authorizedState) {
-    switch (authorizedState) {
-        case 1:
-            return "approved (maintenance window)";
-        case 2:
-            return "block-listed";
-        case 3:
-            return "already allow-listed";
-        case 4:
-            return "trusted";
-        case 5:
-            return "excluded";
-        default:
-            return "not trusted, left unknown";
-    }
 }
 
 // The pidfd a permission group's event carries (FAN_REPORT_PIDFD), or -1.
@@ -104,12 +45,6 @@ int PidfdOf(const struct fanotify_event_metadata* m) {
         at += hdr->len;
     }
     return -1;
-}
-
-bool DeletedPath(const std::string& path) {
-    static const std::string kSuffix = " (deleted)";
-    return path.size() > kSuffix.size() &&
-           path.compare(path.size() - kSuffix.size(), kSuffix.size(), kSuffix) == 0;
 }
 
 }  // namespace
@@ -141,15 +76,35 @@ bool Agent::Start(std::string& error) {
         error = Errno("fanotify_init(FAN_CLASS_CONTENT)");
         return false;
     }
-    m_MarkFlags = m_Options.mount ? FAN_MARK_MOUNT : 0;
+    // Opens are held too, as an interpreter reads its script and the loader
+    // its program and shared objects by plain opens.  A watched tree has a
+    // mark on each of its folders (a mark on the whole mount would hold every
+    // open of the machine's other files too); folders made later are marked
+    // as their creation is reported.
+    const bool mounts = m_Options.mount || m_Options.allMounts;
+    m_MarkFlags = mounts ? FAN_MARK_MOUNT : 0;
     const uint64_t mask =
-        FAN_OPEN_EXEC_PERM | FAN_CLOSE_WRITE | (m_Options.mount ? 0 : FAN_EVENT_ON_CHILD);
-    for (const std::string& dir : m_Options.watch) {
+        FAN_OPEN_EXEC_PERM | FAN_OPEN_PERM | FAN_CLOSE_WRITE | (mounts ? 0 : FAN_EVENT_ON_CHILD);
+    const std::vector<std::string> marked =
+        m_Options.allMounts ? MountPoints(m_Options.skipFsTypes.empty() ? DefaultSkippedFsTypes()
+                                                                        : m_Options.skipFsTypes)
+        : m_Options.mount   ? m_Options.watch
+                            : FoldersBelow(m_Options.watch);
+    size_t markedCount = 0;
+    for (const std::string& dir : marked) {
         if (fanotify_mark(m_PermFd, FAN_MARK_ADD | m_MarkFlags, mask, AT_FDCWD, dir.c_str()) != 0) {
             error = Errno(("fanotify_mark(FAN_OPEN_EXEC_PERM) on " + dir).c_str());
+            if (m_Options.allMounts) {
+                // Some file systems take no permission marks; the rest are
+                // still worth holding.
+                Log().Log(ZELK_LOG_WARNING, "mount not watched: %s", error.c_str());
+                error.clear();
+                continue;
+            }
             Stop();
             return false;
         }
+        ++markedCount;
         int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
         struct statfs sfs;
         if (fd >= 0 && fstatfs(fd, &sfs) == 0) {
@@ -170,28 +125,38 @@ bool Agent::Start(std::string& error) {
         }
     }
 
+    if (markedCount == 0) {
+        error = "no mount could be watched";
+        Stop();
+        return false;
+    }
+
     // Creates, renames and deletes arrive as directory handle plus name; a
     // kernel without that reporting still gets program starts and writes.
     m_NameFd = fanotify_init(
         FAN_CLASS_NOTIF | FAN_CLOEXEC | FAN_NONBLOCK | FAN_REPORT_DFID_NAME | FAN_UNLIMITED_QUEUE,
         O_RDONLY | O_CLOEXEC);
     std::string nameError = m_NameFd < 0 ? Errno("fanotify_init(FAN_REPORT_DFID_NAME)") : "";
-    const unsigned nameFlags = FAN_MARK_ADD | (m_Options.mount ? FAN_MARK_FILESYSTEM : 0);
-    for (const std::string& dir : m_Options.watch) {
+    const unsigned nameFlags = FAN_MARK_ADD | (mounts ? FAN_MARK_FILESYSTEM : 0);
+    for (const std::string& dir : marked) {
         if (m_NameFd < 0) {
             break;
         }
-        uint64_t nameMask = FAN_CREATE | FAN_DELETE | FAN_MOVED_TO;
+        uint64_t nameMask = FAN_CREATE | FAN_DELETE | FAN_MOVED_TO | FAN_ONDIR;
 #ifdef FAN_RENAME
-        nameMask = FAN_CREATE | FAN_DELETE | FAN_RENAME;
+        nameMask = FAN_CREATE | FAN_DELETE | FAN_RENAME | FAN_ONDIR;
 #endif
         int rc = fanotify_mark(m_NameFd, nameFlags, nameMask, AT_FDCWD, dir.c_str());
         if (rc != 0 && errno == EINVAL) {
             // Before FAN_RENAME a move is seen only at its destination.
-            rc = fanotify_mark(m_NameFd, nameFlags, FAN_CREATE | FAN_DELETE | FAN_MOVED_TO,
-                               AT_FDCWD, dir.c_str());
+            rc = fanotify_mark(m_NameFd, nameFlags,
+                               FAN_CREATE | FAN_DELETE | FAN_MOVED_TO | FAN_ONDIR, AT_FDCWD,
+                               dir.c_str());
         }
-        if (rc != 0) {
+        if (rc != 0 && m_Options.allMounts) {
+            Log().Log(ZELK_LOG_WARNING, "creates, renames and deletes on %s are not reported: %s",
+                      dir.c_str(), strerror(errno));
+        } else if (rc != 0) {
             nameError = Errno(("fanotify_mark(FAN_CREATE) on " + dir).c_str());
             close(m_NameFd);
             m_NameFd = -1;
@@ -230,8 +195,8 @@ void Agent::Stop() {
         // No new events from here on; those already queued are still read.
         fanotify_mark(m_PermFd, FAN_MARK_FLUSH | m_MarkFlags, 0, AT_FDCWD, nullptr);
         if (m_NameFd >= 0) {
-            fanotify_mark(m_NameFd, FAN_MARK_FLUSH | (m_Options.mount ? FAN_MARK_FILESYSTEM : 0), 0,
-                          AT_FDCWD, nullptr);
+            fanotify_mark(m_NameFd, FAN_MARK_FLUSH | (m_MarkFlags != 0 ? FAN_MARK_FILESYSTEM : 0),
+                          0, AT_FDCWD, nullptr);
         }
         uint64_t one = 1;
         ssize_t ignored = write(m_StopFd, &one, sizeof(one));
@@ -333,7 +298,9 @@ bool Agent::ReadEvents(int fd, bool nameGroup, std::vector<char>& buffer) {
             job.info.assign(start + m->metadata_len, start + m->event_len);
         } else {
             job.fd = m->fd;
-            job.type = (m->mask & FAN_OPEN_EXEC_PERM) ? Job::kExec : Job::kCloseWrite;
+            job.type = (m->mask & FAN_OPEN_EXEC_PERM) ? Job::kExec
+                       : (m->mask & FAN_OPEN_PERM)    ? Job::kOpen
+                                                      : Job::kCloseWrite;
             if (job.fd < 0) {
                 continue;
             }
@@ -341,7 +308,7 @@ bool Agent::ReadEvents(int fd, bool nameGroup, std::vector<char>& buffer) {
         if (job.pid == m_Self) {
             // The agent's own files (its database, its log) never wait on it.
             m_Stats.OwnEvent();
-            if (job.type == Job::kExec) {
+            if (job.Held()) {
                 Answer(job.fd, true);
             }
             if (job.fd >= 0) {
@@ -349,26 +316,37 @@ bool Agent::ReadEvents(int fd, bool nameGroup, std::vector<char>& buffer) {
             }
             continue;
         }
-        if (job.type == Job::kExec) {
-            // A file hashed before is decided right here: a hand-over to a
-            // worker costs a wake-up, which on a busy machine is most of the
-            // delay a program start sees.  Whatever needs reading goes to
-            // the pool, so one large file never holds up the reader.
-            KnownTarget known;
-            if (m_Cache.Cached(job.fd, known.st, known.digests)) {
-                HandleExec(job, &known);
-                continue;
-            }
+        if (!nameGroup && !OnDecisionPath(job)) {
+            continue;
         }
+        // Every decision goes to the pool, even for a file hashed before: the
+        // engine may open its database, and on a marked mount that open waits
+        // for this very thread to answer it.
         Dispatch(std::move(job));
     }
     return true;
 }
 
+bool Agent::OnDecisionPath(Job& job) {
+    bool keep = true;
+    if (job.type == Job::kOpen) {
+        struct stat st;
+        keep = fstat(job.fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0;
+    }
+    if (!keep) {
+        if (job.Held()) {
+            Answer(job.fd, true);
+        }
+        close(job.fd);
+        job.fd = -1;
+    }
+    return keep;
+}
+
 void Agent::Dispatch(Job&& job) {
     bool waited = false;
     const int fd = job.fd;
-    const bool exec = job.type == Job::kExec;
+    const bool exec = job.Held();
     WorkQueue<Job>& queue = exec ? m_Queue : m_FileQueue;
     if (!queue.Push(std::move(job), waited)) {
         if (exec) {
@@ -390,6 +368,7 @@ void Agent::WorkerLoop(WorkQueue<Job>* queue) {
         try {
             switch (job.type) {
                 case Job::kExec:
+                case Job::kOpen:
                     HandleExec(job);
                     break;
                 case Job::kCloseWrite:
@@ -405,7 +384,7 @@ void Agent::WorkerLoop(WorkQueue<Job>* queue) {
             m_Stats.Error();
             Log().Log(ZELK_LOG_ERROR, "event of pid %d: %s", static_cast<int>(job.pid), e.what());
             if (job.fd >= 0) {
-                if (job.type == Job::kExec) {
+                if (job.Held()) {
                     Answer(job.fd, !m_Options.failClosed);
                 }
                 close(job.fd);
@@ -440,280 +419,6 @@ void Agent::DescribeProcess(pid_t pid, int pidfd, hostkit::HostEvent& event) {
     if (process.gid) {
         event.group = m_Names.Group(*process.gid);
     }
-}
-
-void Agent::HandleExec(Job& job, const KnownTarget* known) {
-    m_Stats.Count(kKindExec);
-    m_Stats.RecordQueueWait(MonotonicNs() - job.readNs);
-    std::string path;
-    std::string failure;
-    hostkit::HostEvent event;
-    ac_wrapper_response_s response;
-    memset(&response, 0, sizeof(response));
-    uint32_t rc = ZELK_STATUS_SUCCESS;
-    struct stat st;
-    hostkit::FileDigests digests;
-    bool hit = false;
-    int err = 0;
-    if (known != nullptr) {
-        st = known->st;
-        digests = known->digests;
-    }
-    if (!hostkit::PathOfFd(job.fd, path, m_FdDir)) {
-        failure = "cannot read the target's path";
-    } else if (known == nullptr && !m_Cache.DigestOf(job.fd, st, digests, hit, err)) {
-        failure = std::string("cannot hash the target: ") + strerror(err);
-    } else {
-        event.eventType = ZELK_EVENT_EXEC_PRE;
-        event.name = path;
-        SetFileStat(st, event);
-        SetDigests(digests, event);
-        DescribeProcess(job.pid, job.pidfd.Get(), event);
-        ac_wrapper_event_s raw = event.Raw();
-        const uint64_t engineStart = MonotonicNs();
-        {
-            // A policy reload of several documents is one change.
-            std::shared_lock<std::shared_mutex> policy;
-            if (m_Options.policyLock != nullptr) {
-                policy = std::shared_lock<std::shared_mutex>(*m_Options.policyLock);
-            }
-            rc = app_ctl(&raw, &response);
-        }
-        m_Stats.RecordEngine(MonotonicNs() - engineStart);
-    }
-    bool allow = failure.empty() ? rc != ZELK_STATUS_BLOCKED : !m_Options.failClosed;
-    // Permissive: decided and logged like any other, never enforced.
-    const bool wouldDeny = !allow && m_Permissive.load(std::memory_order_relaxed);
-    if (wouldDeny) {
-        allow = true;
-    }
-    // Taken before the answer: once it is written the started program may
-    // take this CPU, and that time is not the agent's.
-    m_Stats.RecordDecision(MonotonicNs() - job.readNs);
-    Answer(job.fd, allow);
-    close(job.fd);
-    job.fd = -1;
-    if (allow) {
-        m_Stats.Allowed();
-    } else {
-        m_Stats.Denied();
-    }
-
-    // The program has its answer; everything below is reporting.
-    LogRing& log = Log();
-    const int pid = static_cast<int>(job.pid);
-    if (!failure.empty()) {
-        m_Stats.Error();
-        log.Log(ZELK_LOG_ERROR, "exec %s by pid %d: %s; %s", path.empty() ? "?" : path.c_str(), pid,
-                failure.c_str(), allow ? "allowed (fail-open)" : "denied (fail-closed)");
-        return;
-    }
-    if (rc != ZELK_STATUS_SUCCESS && rc != ZELK_STATUS_BLOCKED) {
-        m_Stats.EngineError();
-        log.Log(ZELK_LOG_WARNING, "exec %s by pid %d: the engine gave no verdict (0x%08X); allowed",
-                path.c_str(), pid, rc);
-        return;
-    }
-    const std::string ruleset = Ruleset(response);
-    if (!allow || wouldDeny) {
-        log.Log(ZELK_LOG_INFO, "%s exec %s by %s (pid %d, user %s): %s%s%s",
-                wouldDeny ? "would deny (permissive)" : "denied", path.c_str(),
-                Text(event.processName), pid, Text(event.user),
-                ruleset.empty() ? "not allowed" : "ruleset '", ruleset.c_str(),
-                ruleset.empty() ? "" : "'");
-        if (m_Options.eventLog != nullptr) {
-            EventRecord record;
-            record.verdict = wouldDeny ? "would-deny" : "denied";
-            record.target = path;
-            record.sha256 = DigestHex(event.fileSha256);
-            record.process = Text(event.processName);
-            record.user = Text(event.user);
-            record.rule = ruleset;
-            record.reason = ruleset.empty() ? "not allowed" : "blocked by its ruleset";
-            record.pid = pid;
-            record.timeMs = hostkit::NowMillis();
-            m_Options.eventLog->Record(std::move(record));
-        }
-    } else if (response.action == ZELK_ACTION_BLOCK) {
-        log.Log(ZELK_LOG_INFO,
-                "allowed exec %s by %s (pid %d): would be blocked, the agent manifest is not "
-                "applied yet",
-                path.c_str(), Text(event.processName), pid);
-    } else if (response.action == ZELK_ACTION_ALLOW && response.isAuthorized == 0) {
-        log.Log(ZELK_LOG_INFO, "allowed unknown exec %s by %s (pid %d, user %s): log-only",
-                path.c_str(), Text(event.processName), pid, Text(event.user));
-    } else if (log.Enabled(ZELK_LOG_TRACE)) {
-        log.Log(ZELK_LOG_TRACE, "allowed exec %s by %s (pid %d): action %u, source %u%s%s%s",
-                path.c_str(), Text(event.processName), pid, response.action, response.source,
-                ruleset.empty() ? "" : ", ruleset '", ruleset.c_str(), ruleset.empty() ? "" : "'");
-    }
-}
-
-void Agent::HandleCloseWrite(Job& job) {
-    m_Stats.Count(kKindCloseWrite);
-    std::string path;
-    struct stat st;
-    if (!hostkit::PathOfFd(job.fd, path, m_FdDir) || DeletedPath(path) || fstat(job.fd, &st) != 0 ||
-        !S_ISREG(st.st_mode)) {
-        close(job.fd);
-        job.fd = -1;
-        return;
-    }
-    // The key changes with the write in most cases; not when the write fell
-    // into the same clock tick and kept the size.
-    m_Cache.Invalidate(static_cast<uint64_t>(st.st_dev), static_cast<uint64_t>(st.st_ino));
-    hostkit::FileDigests digests;
-    bool hit = false;
-    int err = 0;
-    const bool hashed = m_Cache.DigestOf(job.fd, st, digests, hit, err);
-    close(job.fd);
-    job.fd = -1;
-    if (!hashed) {
-        m_Stats.Error();
-        Log().Log(ZELK_LOG_ERROR, "written file %s: cannot hash it: %s", path.c_str(),
-                  strerror(err));
-        return;
-    }
-    hostkit::HostEvent event;
-    event.eventType = ZELK_EVENT_CLOSE_POST;
-    event.dirty = true;
-    event.name = path;
-    SetFileStat(st, event);
-    SetDigests(digests, event);
-    DescribeProcess(job.pid, job.pidfd.Get(), event);
-    ac_wrapper_event_s raw = event.Raw();
-    ac_wrapper_response_s response;
-    uint32_t rc = app_ctl(&raw, &response);
-    if (rc != ZELK_STATUS_SUCCESS && rc != ZELK_STATUS_BLOCKED) {
-        m_Stats.EngineError();
-    }
-    if (response.eventType == ZELK_ABSTRACT_DRIFT) {
-        Log().Log(ZELK_LOG_INFO, "drift %s written by %s (pid %d): %s", path.c_str(),
-                  Text(event.processName), static_cast<int>(job.pid),
-                  DriftState(response.authorizedState));
-        if (m_Options.eventLog != nullptr) {
-            EventRecord record;
-            record.verdict = "drift";
-            record.target = path;
-            record.sha256 = DigestHex(event.fileSha256);
-            record.process = Text(event.processName);
-            record.user = Text(event.user);
-            record.reason = DriftState(response.authorizedState);
-            record.pid = static_cast<int64_t>(job.pid);
-            record.timeMs = hostkit::NowMillis();
-            m_Options.eventLog->Record(std::move(record));
-        }
-    } else {
-        Log().Log(ZELK_LOG_TRACE, "written file %s: no drift decision (action %u)", path.c_str(),
-                  response.action);
-    }
-}
-
-bool Agent::ResolveName(const char* record, std::string& path, bool& isOld) const {
-    const auto* fid = reinterpret_cast<const struct fanotify_event_info_fid*>(record);
-    isOld = false;
-#ifdef FAN_EVENT_INFO_TYPE_OLD_DFID_NAME
-    isOld = fid->hdr.info_type == FAN_EVENT_INFO_TYPE_OLD_DFID_NAME;
-#endif
-    const auto* handle = reinterpret_cast<const struct file_handle*>(fid->handle);
-    const char* name = reinterpret_cast<const char*>(handle->f_handle + handle->handle_bytes);
-    int mountFd = -1;
-    for (const MountRef& m : m_Mounts) {
-        if (memcmp(m.fsid, &fid->fsid, sizeof(m.fsid)) == 0) {
-            mountFd = m.fd;
-        }
-    }
-    if (mountFd < 0) {
-        return false;
-    }
-    int dirFd =
-        open_by_handle_at(mountFd, const_cast<struct file_handle*>(handle), O_PATH | O_CLOEXEC);
-    if (dirFd < 0) {
-        return false;
-    }
-    std::string dir;
-    bool ok = hostkit::PathOfFd(dirFd, dir, m_FdDir);
-    close(dirFd);
-    if (!ok || DeletedPath(dir)) {
-        return false;
-    }
-    path = dir == "/" ? "/" + std::string(name) : dir + "/" + name;
-    return true;
-}
-
-void Agent::HandleName(Job& job) {
-    if (job.mask & FAN_ONDIR) {
-        return;
-    }
-    std::string name, oldName;
-    for (size_t at = 0; at + sizeof(struct fanotify_event_info_header) <= job.info.size();) {
-        const auto* hdr = reinterpret_cast<const struct fanotify_event_info_header*>(&job.info[at]);
-        if (hdr->len == 0 || at + hdr->len > job.info.size()) {
-            break;
-        }
-        bool dfidName = hdr->info_type == FAN_EVENT_INFO_TYPE_DFID_NAME;
-#if defined(FAN_EVENT_INFO_TYPE_OLD_DFID_NAME) && defined(FAN_EVENT_INFO_TYPE_NEW_DFID_NAME)
-        dfidName = dfidName || hdr->info_type == FAN_EVENT_INFO_TYPE_OLD_DFID_NAME ||
-                   hdr->info_type == FAN_EVENT_INFO_TYPE_NEW_DFID_NAME;
-#endif
-        std::string path;
-        bool isOld = false;
-        if (dfidName && ResolveName(&job.info[at], path, isOld)) {
-            (isOld ? oldName : name) = path;
-        }
-        at += hdr->len;
-    }
-    hostkit::HostEvent event;
-    EventKind kind;
-    if (job.mask & FAN_CREATE) {
-        kind = kKindCreate;
-        event.eventType = ZELK_EVENT_CREATE_POST;
-    } else if (job.mask & FAN_DELETE) {
-        kind = kKindDelete;
-        event.eventType = ZELK_EVENT_DELETE_POST;
-    } else {
-        kind = kKindRename;
-        event.eventType = ZELK_EVENT_RENAME_POST;
-    }
-    m_Stats.Count(kind);
-    if (name.empty()) {
-        Log().Log(ZELK_LOG_TRACE, "%s event of pid %d: path not resolved", KindName(kind),
-                  static_cast<int>(job.pid));
-        return;
-    }
-    event.name = name;
-    if (!oldName.empty()) {
-        event.oldName = oldName;
-    }
-    if (kind != kKindDelete) {
-        // Content arrives with the close after writing; a rename brings
-        // finished content along, so its digests go with it.
-        int fd = open(name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
-        struct stat st;
-        hostkit::FileDigests digests;
-        bool hit = false;
-        int err = 0;
-        if (fd >= 0) {
-            if (kind == kKindRename && fstat(fd, &st) == 0 && S_ISREG(st.st_mode) &&
-                m_Cache.DigestOf(fd, st, digests, hit, err)) {
-                SetDigests(digests, event);
-                SetFileStat(st, event);
-            } else if (fstat(fd, &st) == 0) {
-                SetFileStat(st, event);
-            }
-            close(fd);
-        }
-    }
-    DescribeProcess(job.pid, -1, event);
-    ac_wrapper_event_s raw = event.Raw();
-    ac_wrapper_response_s response;
-    uint32_t rc = app_ctl(&raw, &response);
-    if (rc != ZELK_STATUS_SUCCESS && rc != ZELK_STATUS_BLOCKED) {
-        m_Stats.EngineError();
-    }
-    Log().Log(ZELK_LOG_TRACE, "%s %s%s%s by pid %d: action %u, state %u", KindName(kind),
-              name.c_str(), oldName.empty() ? "" : " from ", oldName.c_str(),
-              static_cast<int>(job.pid), response.action, response.authorizedState);
 }
 
 }  // namespace zelkagent

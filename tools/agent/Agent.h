@@ -1,12 +1,15 @@
 // The fanotify side of zelk-agent: one group of the content class that holds
-// program starts (FAN_OPEN_EXEC_PERM) until the engine has decided and reports
-// files closed after writing, and, where the kernel offers it, a second group
-// reporting creates, renames and deletes by directory and name.  A reader
-// thread takes events from the kernel and hands them to a pool of workers
-// through a bounded queue; each worker describes its event to the engine,
-// answers the kernel, and only then logs.  File changes go to one worker of
-// their own, in the order the kernel reported them: two writes of one file
-// decided out of order would leave the older content approved.
+// program starts (FAN_OPEN_EXEC_PERM) and opens (FAN_OPEN_PERM: scripts read
+// by interpreters, programs and shared objects read by the loader) until the
+// engine has decided, and reports files closed after writing; and, where the
+// kernel offers it, a second group reporting creates, renames and deletes by
+// directory and name.  A reader thread takes events from the kernel and hands
+// them to a pool of workers through a bounded queue; each worker describes
+// its event to the engine, answers the kernel, and only then logs.  File
+// changes go to one worker of their own, in the order the kernel reported
+// them: two writes of one file decided out of order would leave the older
+// content approved.  Deciding lives in AgentDecide.cpp, file changes in
+// AgentChanges.cpp.
 #ifndef ZELK_TOOLS_AGENT_AGENT_H_
 #define ZELK_TOOLS_AGENT_AGENT_H_
 
@@ -26,6 +29,7 @@
 #include "DigestCache.h"
 #include "HostEvent.h"
 #include "HostProcess.h"
+#include "Scope.h"
 #include "WorkQueue.h"
 
 namespace zelkagent {
@@ -33,10 +37,12 @@ namespace zelkagent {
 class EventLog;
 
 struct AgentOptions {
-    std::vector<std::string> watch;  // folders; their direct children are watched
-    bool mount = false;              // mark the mounts holding the folders instead
-    bool failClosed = false;         // deny a program start the agent cannot describe
-    bool permissive = false;         // deny nothing; log would-be denials
+    std::vector<std::string> watch;        // folders; every file below them at any depth
+    bool mount = false;                    // decide about everything on the folders' mounts
+    bool allMounts = false;                // decide about every mount of the machine
+    std::vector<std::string> skipFsTypes;  // with allMounts; empty: the usual pseudo types
+    bool failClosed = false;               // deny a program start the agent cannot describe
+    bool permissive = false;               // deny nothing; log would-be denials
     unsigned workers = 4;
     size_t queueCapacity = 256;
     // Denials, would-be denials and drift as structured records; may be null.
@@ -74,7 +80,10 @@ class OwnedFd {
 
 // One event taken from the kernel, owned by the queue until a worker takes it.
 struct Job {
-    enum Type { kExec, kCloseWrite, kName } type = kExec;
+    // kOpen: a file opened by a running process, which may be an interpreter
+    // reading a script or the loader reading a program or shared object.
+    enum Type { kExec, kOpen, kCloseWrite, kName } type = kExec;
+    bool Held() const { return type == kExec || type == kOpen; }
     // Event descriptor (kExec, kCloseWrite).  Closed by hand, as a permission
     // event's must be answered before it goes.
     int fd = -1;
@@ -83,6 +92,7 @@ struct Job {
     uint64_t mask = 0;
     uint64_t readNs = 0;     // monotonic time the reader took the event
     std::vector<char> info;  // the information records of a kName event
+    std::string path;        // the target's path, where the reader read it already
 };
 
 class Agent {
@@ -117,6 +127,9 @@ class Agent {
     // other than "nothing there".
     bool ReadEvents(int fd, bool nameGroup, std::vector<char>& buffer);
     void Dispatch(Job&& job);
+    // False, with the event answered and closed, for an event that needs no
+    // decision: outside the watched trees, or an open of no regular file.
+    bool OnDecisionPath(Job& job);
     void WorkerLoop(WorkQueue<Job>* queue);
     // Decides a program start.  `known` carries the target's status and
     // digests when the caller already has them from the digest cache.
@@ -125,8 +138,13 @@ class Agent {
         hostkit::FileDigests digests;
     };
     void HandleExec(Job& job, const KnownTarget* known = nullptr);
+    // What an open means to the engine: the raw code to report it with, or
+    // 0 for an open that starts nothing (a program read but not run).
+    uint32_t OpenKind(const Job& job) const;
     void HandleCloseWrite(Job& job);
     void HandleName(Job& job);
+    // Marks a folder created (or moved) into a watched tree, and its folders.
+    void MarkNewFolder(const std::string& dir);
     // Writes the answer for a permission event; counts and logs a failure.
     void Answer(int fd, bool allow);
     // The acting process's image, command line, user and group; what has

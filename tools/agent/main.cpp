@@ -53,6 +53,8 @@ struct Options {
     bool failClosed = false;
     double duration = 0;
     bool mount = false;
+    bool allMounts = false;
+    std::vector<std::string> skipFsTypes;
     std::string logFile;
     std::string logLevel = "info";
     unsigned workers = 4;
@@ -153,6 +155,13 @@ int main(int argc, char** argv) {
         ->check(CLI::NonNegativeNumber);
     CLI::Option* mountOpt =
         app.add_flag("--mount", o.mount, "Watch the whole mounts that hold the --watch folders");
+    CLI::Option* allMountsOpt =
+        app.add_flag("--all-mounts", o.allMounts,
+                     "Watch every mount of the machine except kernel and pseudo file systems");
+    CLI::Option* skipFsOpt =
+        app.add_option("--skip-fs-type", o.skipFsTypes,
+                       "With --all-mounts: a file-system type left unwatched (repeatable; replaces "
+                       "the default list of pseudo file systems)");
     CLI::Option* logFileOpt =
         app.add_option("--log-file", o.logFile, "Append the log to this file, not stderr");
     CLI::Option* logLevelOpt =
@@ -186,6 +195,8 @@ int main(int argc, char** argv) {
             {"database", ConfigKey::kText},
             {"watch", ConfigKey::kList},
             {"mount", ConfigKey::kBool},
+            {"all_mounts", ConfigKey::kBool},
+            {"skip_fs_types", ConfigKey::kList},
             {"mode", ConfigKey::kChoice, 0, 0, {"log-only", "lockdown", "permissive"}},
             {"fail_closed", ConfigKey::kBool},
             {"workers", ConfigKey::kUnsigned, 1, 64},
@@ -217,6 +228,10 @@ int main(int argc, char** argv) {
             o.watch = values["watch"].words;
         }
         flag("mount", mountOpt, o.mount);
+        flag("all_mounts", allMountsOpt, o.allMounts);
+        if (values.count("skip_fs_types") && skipFsOpt->count() == 0) {
+            o.skipFsTypes = values["skip_fs_types"].words;
+        }
         if (values.count("mode") && lockdownOpt->count() == 0 && permissiveOpt->count() == 0) {
             o.lockdown = values["mode"].text == "lockdown";
             o.permissive = values["mode"].text == "permissive";
@@ -233,6 +248,9 @@ int main(int argc, char** argv) {
         text("policy_dir", policyDirOpt, o.policyDir);
         text("socket", socketOpt, o.socket);
         text("event_log", eventLogOpt, o.eventLog);
+    }
+    if (o.allMounts && o.watch.empty()) {
+        o.watch.push_back("/");
     }
     if (o.db.empty() || o.watch.empty()) {
         fprintf(stderr,
@@ -323,6 +341,8 @@ int main(int argc, char** argv) {
     zelkagent::AgentOptions agentOptions;
     agentOptions.watch = o.watch;
     agentOptions.mount = o.mount;
+    agentOptions.allMounts = o.allMounts;
+    agentOptions.skipFsTypes = o.skipFsTypes;
     agentOptions.failClosed = o.failClosed;
     agentOptions.workers = o.workers;
     agentOptions.queueCapacity = o.queue;
