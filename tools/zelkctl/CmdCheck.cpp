@@ -11,6 +11,7 @@
 #include "Commands.h"
 #include "HostDigest.h"
 #include "HostEvent.h"
+#include "Snapshot.h"
 #include "Verdict.h"
 
 namespace zelkctl {
@@ -34,13 +35,29 @@ bool ResolveModes(const std::string& db, const ModeOptions& options, HostModes& 
         modes.flags &= ~ZELK_CONFIG_LOCKDOWN;
     }
     if (!options.maintenance.empty()) {
-        if (!ParseWindow(options.maintenance, modes.maintenanceStart, modes.maintenanceEnd)) {
-            fprintf(stderr, "zelkctl: --maintenance wants START,END in milliseconds or \"now\"\n");
+        std::string error;
+        if (!CheckWindow(options.maintenance, modes.maintenanceStart, modes.maintenanceEnd,
+                         error)) {
+            fprintf(stderr, "zelkctl: %s\n", error.c_str());
             exit = kExitUsage;
             return false;
         }
         modes.flags |= ZELK_CONFIG_AUTO_AUTHORIZE;
     }
+    return true;
+}
+
+bool DecisionDatabase(const std::string& db, bool record, Snapshot& snapshot, std::string& path) {
+    if (record) {
+        path = db;
+        return DatabaseExists(db);
+    }
+    std::string error;
+    if (!snapshot.Take(db, error)) {
+        fprintf(stderr, "zelkctl: %s\n", error.c_str());
+        return false;
+    }
+    path = snapshot.Path();
     return true;
 }
 
@@ -105,10 +122,16 @@ int RunCheck(const LogOptions& log, const CheckOptions& options) {
         targets.push_back(std::move(t));
     }
 
-    EngineSession session(log);
-    if (!session.Start(options.db) || !ApplyModes(modes)) {
+    Snapshot snapshot;
+    std::string dbPath;
+    if (!DecisionDatabase(options.db, options.record, snapshot, dbPath)) {
         return kExitEngine;
     }
+    EngineSession session(log);
+    if (!session.Start(dbPath) || !ApplyModes(modes)) {
+        return kExitEngine;
+    }
+    session.TakeErrorCount();
     printf("mode: %s\n", DescribeModes(modes).c_str());
     int result = kExitOk;
     for (Target& t : targets) {
@@ -121,6 +144,7 @@ int RunCheck(const LogOptions& log, const CheckOptions& options) {
         uint32_t rc = app_ctl(&raw, &response);
         std::vector<std::string> reasoning = session.TakeCaptured();
         session.Capture(0);
+        const unsigned errors = session.TakeErrorCount();
         if (rc != ZELK_STATUS_SUCCESS && rc != ZELK_STATUS_BLOCKED &&
             !(rc == ZELK_STATUS_FAILURE && response.action == ZELK_ACTION_ERROR)) {
             fprintf(stderr, "zelkctl: %s\n", StatusMessage(t.path, rc).c_str());
@@ -144,10 +168,17 @@ int RunCheck(const LogOptions& log, const CheckOptions& options) {
         for (const std::string& line : reasoning) {
             printf("           | %s\n", line.c_str());
         }
-        if (v.kind == VerdictKind::kError && result != kExitBlocked) {
-            result = kExitEngine;
+        if (errors != 0) {
+            fprintf(stderr,
+                    "zelkctl: %s: the engine reported %u error%s while deciding; the verdict "
+                    "cannot be trusted (see --log-level error)\n",
+                    t.path.c_str(), errors, errors == 1 ? "" : "s");
         }
-        if (IsBlock(v.kind)) {
+        // An error outweighs a block: a script must not read a verdict from a
+        // damaged store as policy.
+        if (v.kind == VerdictKind::kError || errors != 0) {
+            result = kExitEngine;
+        } else if (IsBlock(v.kind) && result != kExitEngine) {
             result = kExitBlocked;
         }
     }

@@ -36,6 +36,7 @@ struct CheckOptions {
     std::string asProcess = "/usr/bin/bash";
     std::string user;
     bool verbose = false;
+    bool record = false;  // decide on the database itself, not on a copy
 };
 int RunCheck(const LogOptions& log, const CheckOptions& options);
 
@@ -46,10 +47,11 @@ struct ReplayOptions {
     std::vector<std::string> vars;      // NAME=VALUE for ${NAME} in the trace
     ModeOptions modes;
     std::string format = "table";
+    bool record = false;
 };
 int RunReplay(const LogOptions& log, const ReplayOptions& options);
 
-int RunStatus(const std::string& db);
+int RunStatus(const std::string& db, bool integrity);
 
 struct LintOptions {
     std::string file;
@@ -57,11 +59,21 @@ struct LintOptions {
 };
 int RunLint(const LintOptions& options);
 
+// What lint finds in a document of `kind`; `errors` counts the findings that
+// would empty or weaken the policy the document replaces.
+struct LintReport {
+    size_t elements = 0;
+    size_t errors = 0;
+    std::vector<std::string> findings;
+};
+LintReport LintDocument(const std::string& text, DocKind kind);
+
 struct ImportOptions {
     std::string db;
     std::string file;
     std::string name;
     bool incremental = false;
+    bool force = false;  // import even what lint says would weaken policy
 };
 int RunImport(const LogOptions& log, const ImportOptions& options);
 
@@ -87,7 +99,10 @@ struct ConfigOptions {
 };
 int RunConfig(const LogOptions& log, const ConfigOptions& options);
 
-int RunPurge(const LogOptions& log, const std::string& db, unsigned source);
+int RunPurge(const LogOptions& log, const std::string& db, unsigned source, bool yes);
+
+// Prints the modes kept beside `db`; changes nothing.
+int RunModes(const std::string& db);
 
 struct DemoOptions {
     std::string dir = "demo-scratch";
@@ -101,11 +116,26 @@ int RunDemo(const LogOptions& log, const DemoOptions& options, bool logGiven);
 // message printed on a usage error.
 bool ResolveModes(const std::string& db, const ModeOptions& options, HostModes& modes, int& exit);
 
+// The database a deciding command starts the engine on: `db` itself with
+// `record`, else a private copy in `snapshot`.  False with the error printed.
+class Snapshot;
+bool DecisionDatabase(const std::string& db, bool record, Snapshot& snapshot, std::string& path);
+
 // Imports one ruleset file through set_ruleset and prints how many rules it
 // brought.  Documents written by `zelkctl export` are turned back into the
 // ruleset or trust-rule document they came from first.
-int ImportFile(EngineSession& session, const std::string& file, const std::string& name,
-               bool incremental, bool quiet);
+// The document is linted first: findings are printed as warnings, and one that
+// would empty or weaken the policy it replaces stops the import unless
+// `force`.  With `db`, what the import removed besides is printed.
+struct ImportRequest {
+    std::string file;
+    std::string name;
+    bool incremental = false;
+    bool quiet = false;
+    bool force = false;
+    std::string db;
+};
+int ImportFile(EngineSession& session, const ImportRequest& request);
 
 // Replays a trace through app_ctl; shared by replay and demo.  `strip` is
 // removed from the front of paths in the table.
