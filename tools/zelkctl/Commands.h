@@ -16,7 +16,9 @@ struct ScanOptions {
     bool crossFilesystems = false;
     std::string ruleset;  // stored with each item; empty by default
     bool noProgress = false;
-    unsigned jobs = 0;  // digest threads; 0: up to two, as the machine allows
+    unsigned jobs = 0;              // digest threads; 0: up to two, as the machine allows
+    bool packages = false;          // also the files installed Debian packages own
+    std::string packageRoot = "/";  // where dpkg's database and the files are
 };
 int RunScan(const LogOptions& log, const ScanOptions& options);
 // The scan itself, on an engine already started.

@@ -89,6 +89,17 @@ bool ReadUserLists(const std::string& dbPath, UserLists& lists, std::string& err
         error);
 }
 
+bool ReadScannedRows(const std::string& dbPath, std::set<std::string>& rows, std::string& error) {
+    Db db = OpenReadOnly(dbPath, error);
+    if (!db) {
+        return false;
+    }
+    rows.clear();
+    return Query(
+        db.get(), "SELECT nativePath, hex(sha256) FROM InventoryItems WHERE source = 3;",
+        [&](sqlite3_stmt* s) { rows.insert(Text(s, 0) + "\n" + Text(s, 1)); }, error);
+}
+
 bool CheckIntegrity(const std::string& dbPath, std::vector<std::string>& problems) {
     std::string error;
     Db db = OpenReadOnly(dbPath, error);

@@ -4,6 +4,7 @@
 #ifndef ZELK_TOOLS_ZELKCTL_DBREAD_H_
 #define ZELK_TOOLS_ZELKCTL_DBREAD_H_
 
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -20,6 +21,10 @@ bool CountPolicy(const std::string& dbPath, PolicyCounts& counts);
 
 using UserLists = std::vector<std::pair<std::string, std::vector<std::string>>>;
 bool ReadUserLists(const std::string& dbPath, UserLists& lists, std::string& error);
+
+// The scanned rows as "nativePath\nSHA256 in upper-case hex", so that a
+// rescan stores only what is new or changed.
+bool ReadScannedRows(const std::string& dbPath, std::set<std::string>& rows, std::string& error);
 
 // Runs PRAGMA integrity_check; `problems` gets its lines when it fails.
 bool CheckIntegrity(const std::string& dbPath, std::vector<std::string>& problems);

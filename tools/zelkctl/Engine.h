@@ -14,7 +14,13 @@
 namespace zelkctl {
 
 // Exit codes of every command.
-enum ExitCode { kExitOk = 0, kExitBlocked = 1, kExitUsage = 2, kExitEngine = 3 };
+enum ExitCode {
+    kExitOk = 0,
+    kExitBlocked = 1,
+    kExitUsage = 2,
+    kExitEngine = 3,
+    kExitInterrupted = 130  // stopped by SIGINT, as a shell reports it
+};
 
 // Global options.
 struct LogOptions {

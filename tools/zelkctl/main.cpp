@@ -39,9 +39,17 @@ int main(int argc, char** argv) {
     int exitCode = kExitOk;
 
     ScanOptions scan;
-    CLI::App* scanCmd = app.add_subcommand("scan", "Build the inventory from folders");
+    CLI::App* scanCmd = app.add_subcommand(
+        "scan", "Build the inventory from folders, files, or what Debian packages installed");
     scanCmd->add_option("--db", scan.db, "Database file")->required();
-    scanCmd->add_option("dirs", scan.dirs, "Folders to walk")->required();
+    scanCmd->add_option("dirs", scan.dirs,
+                        "Folders to walk (programs are kept by name or content: ELF, #!) and "
+                        "files to store whatever their name; a rescan stores only what changed");
+    scanCmd->add_flag("--packages", scan.packages,
+                      "Also the files installed Debian packages own, each checked against the "
+                      "MD5 dpkg recorded; a file that no longer matches is reported, not stored");
+    scanCmd->add_option("--package-root", scan.packageRoot,
+                        "Root holding var/lib/dpkg and the files (default /)");
     scanCmd->add_flag("--cross-filesystems", scan.crossFilesystems,
                       "Descend into folders on other file systems");
     scanCmd->add_option("--ruleset", scan.ruleset, "Ruleset name stored with each item");
