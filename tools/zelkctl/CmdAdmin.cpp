@@ -273,7 +273,28 @@ int RunConfig(const LogOptions& log, const ConfigOptions& options) {
         modes.flags |= ZELK_CONFIG_AUTO_AUTHORIZE;
     }
     EngineSession session(log);
-    if (!session.Start(options.db) || !ApplyModes(modes)) {
+    if (!session.Start(options.db)) {
+        return kExitEngine;
+    }
+    // The engine recovers the last window from the database at every start
+    // and goes on approving by it, so a window that is still running is
+    // closed now: it opens once more, and a closing call ends it at this
+    // moment.
+    long long storedStart = 0, storedEnd = 0;
+    bool closedNow = false;
+    if ((modes.flags & ZELK_CONFIG_AUTO_AUTHORIZE) == 0 &&
+        ReadStoredWindow(options.db, storedStart, storedEnd) &&
+        static_cast<uint64_t>(storedEnd) > hostkit::NowMillis()) {
+        HostModes reopen = modes;
+        reopen.flags |= ZELK_CONFIG_AUTO_AUTHORIZE;
+        reopen.maintenanceStart = static_cast<uint64_t>(storedStart);
+        reopen.maintenanceEnd = static_cast<uint64_t>(storedEnd);
+        if (!ApplyModes(reopen)) {
+            return kExitEngine;
+        }
+        closedNow = true;
+    }
+    if (!ApplyModes(modes)) {
         return kExitEngine;
     }
     std::string error;
@@ -283,6 +304,17 @@ int RunConfig(const LogOptions& log, const ConfigOptions& options) {
     }
     printf("modes: %s (kept in %s)\n", DescribeModes(modes).c_str(), ModesPath(options.db).c_str());
     printf("maintenance window: %s\n", DescribeWindow(modes).c_str());
+    if (closedNow) {
+        printf("closed the window the database still held (%s .. %s) at %s\n",
+               FormatMillis(static_cast<uint64_t>(storedStart)).c_str(),
+               FormatMillis(static_cast<uint64_t>(storedEnd)).c_str(),
+               FormatMillis(hostkit::NowMillis()).c_str());
+    }
+    if (ReadStoredWindow(options.db, storedStart, storedEnd)) {
+        printf("window stored in the database: %s .. %s\n",
+               FormatMillis(static_cast<uint64_t>(storedStart)).c_str(),
+               FormatMillis(static_cast<uint64_t>(storedEnd)).c_str());
+    }
     return kExitOk;
 }
 
@@ -297,6 +329,15 @@ int RunModes(const std::string& db) {
     printf("maintenance window: %s\n", DescribeWindow(modes).c_str());
     printf("kept in: %s%s\n", ModesPath(db).c_str(),
            access(ModesPath(db).c_str(), F_OK) == 0 ? "" : " (not written yet: defaults)");
+    long long start = 0, end = 0;
+    if (access(db.c_str(), F_OK) == 0 && ReadStoredWindow(db, start, end)) {
+        printf("window stored in the database: %s .. %s%s\n",
+               FormatMillis(static_cast<uint64_t>(start)).c_str(),
+               FormatMillis(static_cast<uint64_t>(end)).c_str(),
+               static_cast<uint64_t>(end) > hostkit::NowMillis()
+                   ? " (still running: the engine recovers it at start; zelkctl config closes it)"
+                   : "");
+    }
     return kExitOk;
 }
 

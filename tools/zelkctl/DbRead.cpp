@@ -2,6 +2,7 @@
 
 #include <sqlite3.h>
 
+#include <cstdlib>
 #include <functional>
 #include <memory>
 
@@ -98,6 +99,25 @@ bool ReadScannedRows(const std::string& dbPath, std::set<std::string>& rows, std
     return Query(
         db.get(), "SELECT nativePath, hex(sha256) FROM InventoryItems WHERE source = 3;",
         [&](sqlite3_stmt* s) { rows.insert(Text(s, 0) + "\n" + Text(s, 1)); }, error);
+}
+
+bool ReadStoredWindow(const std::string& dbPath, long long& start, long long& end) {
+    std::string error;
+    Db db = OpenReadOnly(dbPath, error);
+    if (!db) {
+        return false;
+    }
+    start = end = -1;
+    Query(
+        db.get(),
+        "SELECT settingName, settingValue FROM AppControlState WHERE settingName IN "
+        "('autoAuthorizeStartTime', 'autoAuthorizeEndTime');",
+        [&](sqlite3_stmt* s) {
+            long long value = strtoll(Text(s, 1).c_str(), nullptr, 10);
+            (Text(s, 0) == "autoAuthorizeStartTime" ? start : end) = value;
+        },
+        error);
+    return end > 0;
 }
 
 bool CheckIntegrity(const std::string& dbPath, std::vector<std::string>& problems) {

@@ -26,6 +26,10 @@ bool ReadUserLists(const std::string& dbPath, UserLists& lists, std::string& err
 // rescan stores only what is new or changed.
 bool ReadScannedRows(const std::string& dbPath, std::set<std::string>& rows, std::string& error);
 
+// The maintenance window the engine keeps in its settings and recovers at
+// every start.  False when none was ever stored.
+bool ReadStoredWindow(const std::string& dbPath, long long& start, long long& end);
+
 // Runs PRAGMA integrity_check; `problems` gets its lines when it fails.
 bool CheckIntegrity(const std::string& dbPath, std::vector<std::string>& problems);
 
