@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "DbTestUtil.h"
 #include "HostDigest.h"
 #include "TestUtil.h"
 
@@ -33,7 +34,7 @@ struct CtlRun {
 // `withoutDacOverride` a root process gives up its power to read any file, so
 // that a mode-000 file is unreadable to it as it would be to anyone else.
 inline CtlRun Zelkctl(const std::string& cwd, std::vector<std::string> args, int exit = 0,
-               bool withoutDacOverride = false) {
+                      bool withoutDacOverride = false) {
     const std::string outPath = cwd + "/zelkctl.stdout", errPath = cwd + "/zelkctl.stderr";
     std::vector<char*> argv = {const_cast<char*>(ZELKCTL_PATH)};
     for (std::string& a : args) {
@@ -73,7 +74,8 @@ inline void ExpectAll(const std::string& text, std::initializer_list<std::string
     }
 }
 
-inline void WriteExecutable(const std::string& path, const std::string& content, mode_t mode = 0755) {
+inline void WriteExecutable(const std::string& path, const std::string& content,
+                            mode_t mode = 0755) {
     zelktest::WriteFile(path, content);
     chmod(path.c_str(), mode);
 }

@@ -157,8 +157,8 @@ TEST(Zelkctl, LintNamesEveryElementTheImporterWouldMishandle) {
               {"hash ruleset 'rules', 6 rules", "rules[1].sha256: 63 characters",
                "rules[2].sha1: holds characters that are not hexadecimal",
                "rules[2]: no usable digest", "rules[3].action: \"deny\" is neither allow nor block",
-               "rules[4].size: not a whole number", "rules[4].action: missing: stored as allowed",
-               "rules[5]: not an object"});
+               "rules[4].size: \"12x\" has trailing text: read as 12",
+               "rules[4].action: missing: stored as allowed", "rules[5]: not an object"});
 
     // The same text named as trust rules is judged as trust rules.
     zelktest::WriteFile(dir + "/t.json",
@@ -251,11 +251,14 @@ TEST(Zelkctl, ExportImportRoundTripAndPurge) {
 TEST(Zelkctl, MetricsAndConfigDocuments) {
     std::string dir = zelktest::ScratchDir();
     const std::string db = dir + "/ac.db";
-    ExpectAll(Zelkctl(dir, {"config", "--db", db, "--lockdown", "--maintenance", "1000,2000"}).out,
-              {"lockdown, maintenance 1000..2000"});
+    // 2023-11-14 22:13:20 UTC for one hour.
+    ExpectAll(Zelkctl(dir, {"config", "--db", db, "--lockdown", "--maintenance",
+                            "1700000000000,1700003600000"})
+                  .out,
+              {"lockdown, maintenance 2023-11-14 22:13:20 UTC .. 2023-11-14 23:13:20 UTC (over)"});
     ExpectAll(Zelkctl(dir, {"status", "--db", db}).out,
-              {"host modes:      lockdown, maintenance 1000..2000", "autoAuthorizeStartTime   1000",
-               "autoAuthorizeEndTime     2000"});
+              {"host modes:      lockdown, maintenance 2023-11-14 22:13:20 UTC",
+               "autoAuthorizeStartTime   1700000000000", "autoAuthorizeEndTime     1700003600000"});
     Zelkctl(dir, {"config", "--db", db, "--maintenance", "9"}, 2);
 
     for (bool pretty : {false, true}) {

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -47,13 +48,22 @@ bool ResolveModes(const std::string& db, const ModeOptions& options, HostModes& 
     return true;
 }
 
-bool DecisionDatabase(const std::string& db, bool record, Snapshot& snapshot, std::string& path) {
-    if (record) {
+bool DecisionDatabase(const std::string& db, bool record, bool allowMissing, Snapshot& snapshot,
+                      std::string& path) {
+    const bool missing = access(db.c_str(), F_OK) != 0 && errno == ENOENT;
+    if (missing && allowMissing) {
+        fprintf(stderr, "zelkctl: %s does not exist: starting from an empty database%s\n",
+                db.c_str(), record ? "" : " (not kept)");
+        if (record) {
+            path = db;
+            return true;
+        }
+    } else if (record) {
         path = db;
         return DatabaseExists(db);
     }
     std::string error;
-    if (!snapshot.Take(db, error)) {
+    if (!(missing && allowMissing ? snapshot.Empty(error) : snapshot.Take(db, error))) {
         fprintf(stderr, "zelkctl: %s\n", error.c_str());
         return false;
     }
@@ -124,7 +134,7 @@ int RunCheck(const LogOptions& log, const CheckOptions& options) {
 
     Snapshot snapshot;
     std::string dbPath;
-    if (!DecisionDatabase(options.db, options.record, snapshot, dbPath)) {
+    if (!DecisionDatabase(options.db, options.record, false, snapshot, dbPath)) {
         return kExitEngine;
     }
     EngineSession session(log);

@@ -171,7 +171,7 @@ int RunReplay(const LogOptions& log, const ReplayOptions& options) {
     }
     Snapshot snapshot;
     std::string dbPath;
-    if (!DecisionDatabase(options.db, options.record, snapshot, dbPath)) {
+    if (!DecisionDatabase(options.db, options.record, true, snapshot, dbPath)) {
         return kExitEngine;
     }
     EngineSession session(log);

@@ -119,9 +119,12 @@ int RunDemo(const LogOptions& log, const DemoOptions& options, bool logGiven);
 bool ResolveModes(const std::string& db, const ModeOptions& options, HostModes& modes, int& exit);
 
 // The database a deciding command starts the engine on: `db` itself with
-// `record`, else a private copy in `snapshot`.  False with the error printed.
+// `record`, else a private copy in `snapshot`.  With `allowMissing` a
+// database that does not exist is an empty one in the snapshot's place (a
+// what-if from nothing).  False with the error printed.
 class Snapshot;
-bool DecisionDatabase(const std::string& db, bool record, Snapshot& snapshot, std::string& path);
+bool DecisionDatabase(const std::string& db, bool record, bool allowMissing, Snapshot& snapshot,
+                      std::string& path);
 
 // Imports one ruleset file through set_ruleset and prints how many rules it
 // brought.  Documents written by `zelkctl export` are turned back into the

@@ -36,17 +36,9 @@ bool Snapshot::Take(const std::string& dbPath, std::string& error) {
         error = dbPath + ": no database: not a regular file";
         return false;
     }
-    const char* tmp = getenv("TMPDIR");
-    std::string pattern =
-        std::string(tmp != nullptr && tmp[0] != '\0' ? tmp : "/tmp") + "/zelkctl-snapshot-XXXXXX";
-    std::vector<char> dir(pattern.begin(), pattern.end());
-    dir.push_back('\0');
-    if (mkdtemp(dir.data()) == nullptr) {
-        error = pattern + ": cannot create a scratch folder: " + strerror(errno);
+    if (!Empty(error)) {
         return false;
     }
-    m_Dir = dir.data();
-    m_Path = m_Dir + "/snapshot.db";
     // The backup API reads a consistent state including the -wal file, which
     // a plain file copy could tear while an agent writes.
     sqlite3* from = nullptr;
@@ -74,6 +66,21 @@ bool Snapshot::Take(const std::string& dbPath, std::string& error) {
     sqlite3_close_v2(to);
     sqlite3_close_v2(from);
     return rc == SQLITE_OK;
+}
+
+bool Snapshot::Empty(std::string& error) {
+    const char* tmp = getenv("TMPDIR");
+    std::string pattern =
+        std::string(tmp != nullptr && tmp[0] != '\0' ? tmp : "/tmp") + "/zelkctl-snapshot-XXXXXX";
+    std::vector<char> dir(pattern.begin(), pattern.end());
+    dir.push_back('\0');
+    if (mkdtemp(dir.data()) == nullptr) {
+        error = pattern + ": cannot create a scratch folder: " + strerror(errno);
+        return false;
+    }
+    m_Dir = dir.data();
+    m_Path = m_Dir + "/snapshot.db";
+    return true;
 }
 
 Snapshot::~Snapshot() {

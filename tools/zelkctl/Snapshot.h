@@ -20,6 +20,8 @@ class Snapshot {
     // scratch folder.  A missing or unreadable database is an error: asking
     // the engine would create an empty one and answer from nothing.
     bool Take(const std::string& dbPath, std::string& error);
+    // A scratch folder for a database the engine creates.
+    bool Empty(std::string& error);
     const std::string& Path() const { return m_Path; }
 
   private:
