@@ -2,6 +2,9 @@
 // honestly from a damaged one, and inventory what is really installed.  Each
 // command runs as its own process.
 #include <fstream>
+#include <map>
+#include <regex>
+#include <sstream>
 
 #include "ZelkctlTestUtil.h"
 
@@ -198,4 +201,49 @@ TEST(ZelkctlRuns, SmallMistakesGetClearAnswers) {
         ExpectAll(Zelkctl(dir, args, 3).err, {"typo.db: no database"});
         EXPECT_FALSE(Exists(dir + "/typo.db")) << cmd;
     }
+}
+
+TEST(ZelkctlRuns, HelpAndReadmeAgree) {
+    std::string dir = zelktest::ScratchDir();
+    const std::string readme = ReadFile(std::string(ZELK_EXAMPLES_DIR) + "/../README.md");
+    ASSERT_FALSE(readme.empty());
+    // The README's command block: "    zelkctl CMD ..." and its indented
+    // continuation lines.
+    std::map<std::string, std::set<std::string>> documented;
+    std::istringstream lines(readme);
+    std::string line, current;
+    const std::regex option("--[a-z][a-z-]*");
+    while (std::getline(lines, line)) {
+        if (line.rfind("    zelkctl ", 0) == 0) {
+            std::istringstream words(line.substr(12));
+            words >> current;
+        } else if (line.rfind("                    ", 0) != 0) {
+            current.clear();
+        }
+        if (current.empty() || current.rfind("--", 0) == 0) {
+            continue;
+        }
+        std::set<std::string>& options = documented[current];
+        for (std::sregex_iterator it(line.begin(), line.end(), option), end; it != end; ++it) {
+            options.insert(it->str());
+        }
+    }
+    const std::string help = Zelkctl(dir, {"--help"}).out;
+    const std::regex command("\n  ([a-z]+) ");
+    std::set<std::string> commands;
+    for (std::sregex_iterator it(help.begin(), help.end(), command), end; it != end; ++it) {
+        commands.insert((*it)[1]);
+    }
+    std::set<std::string> readmeCommands;
+    for (const auto& entry : documented) {
+        readmeCommands.insert(entry.first);
+    }
+    EXPECT_EQ(commands, readmeCommands);
+    for (const auto& [cmd, options] : documented) {
+        const std::string cmdHelp = Zelkctl(dir, {cmd, "--help"}).out;
+        for (const std::string& opt : options) {
+            EXPECT_TRUE(Contains(cmdHelp, opt)) << "README names " << opt << " for " << cmd;
+        }
+    }
+    ExpectAll(help, {"--version"});
 }
