@@ -1,6 +1,7 @@
 // zelkctl runs that must leave the policy database as they found it, answer
 // honestly from a damaged one, and inventory what is really installed.  Each
 // command runs as its own process.
+#include <csignal>
 #include <fstream>
 #include <map>
 #include <regex>
@@ -130,6 +131,39 @@ TEST(ZelkctlRuns, ScanKeepsProgramsByContentAndRescansWithoutDuplicates) {
               {"1 stored as scanned items"});
     Zelkctl(dir, {"export", "--db", db, "--out", dir + "/inv.json"});
     EXPECT_EQ(ReadExport(dir + "/inv.json", "nativePath").rows.size(), 4u);
+}
+
+TEST(ZelkctlRuns, InterruptedScanKeepsAndReportsWhatItStored) {
+    std::string dir = zelktest::ScratchDir();
+    const std::string db = dir + "/ac.db";
+    WriteScripts(dir + "/t", 3000);
+    pid_t pid = fork();
+    if (pid == 0) {
+        int out = open((dir + "/scan.out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        dup2(out, 1);
+        execl(ZELKCTL_PATH, ZELKCTL_PATH, "scan", "--db", db.c_str(), (dir + "/t").c_str(),
+              "--no-progress", "-j", "1", static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    // The database appears once the engine runs, after zelkctl took over
+    // SIGINT; the scan of 3000 files is then still under way.
+    int status = 0;
+    while (!Exists(db) && waitpid(pid, &status, WNOHANG) == 0) {
+        usleep(1000);
+    }
+    kill(pid, SIGINT);
+    waitpid(pid, &status, 0);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 130);
+    const std::string out = ReadFile(dir + "/scan.out");
+    std::smatch m;
+    ASSERT_TRUE(std::regex_search(out, m,
+                                  std::regex("interrupted after \\d+ of \\d+ files: (\\d+) "
+                                             "stored as scanned items, kept")))
+        << out;
+    Zelkctl(dir, {"export", "--db", db, "--out", dir + "/inv.json"});
+    EXPECT_EQ(ReadExport(dir + "/inv.json", "nativePath").rows.size(),
+              static_cast<size_t>(std::stoul(m[1])));
 }
 
 TEST(ZelkctlRuns, PackageScanTrustsOnlyFilesMatchingDpkgDigests) {

@@ -56,6 +56,26 @@ void OnInterrupt(int) {
     g_Interrupted.store(true);
 }
 
+// SIGINT sets g_Interrupted while this lives, from before the engine starts
+// so that the store is never left mid-batch by the default action.
+class InterruptGuard {
+  public:
+    InterruptGuard() {
+        g_Interrupted.store(false);
+        struct sigaction action;
+        memset(&action, 0, sizeof(action));
+        action.sa_handler = OnInterrupt;
+        sigemptyset(&action.sa_mask);
+        sigaction(SIGINT, &action, &m_Previous);
+    }
+    ~InterruptGuard() { sigaction(SIGINT, &m_Previous, nullptr); }
+    InterruptGuard(const InterruptGuard&) = delete;
+    InterruptGuard& operator=(const InterruptGuard&) = delete;
+
+  private:
+    struct sigaction m_Previous;
+};
+
 // Programs whose names look like data files (vim.basic, mkfs.bfs,
 // update-rc.d) are still programs: an ELF image or a "#!" script is kept
 // whatever it is called.
@@ -185,6 +205,9 @@ void Walk(const std::string& dir, dev_t rootDev, bool cross, WalkResult& result)
     std::sort(names.begin(), names.end());
     const std::string prefix = dir.back() == '/' ? dir : dir + "/";
     for (const std::string& name : names) {
+        if (g_Interrupted.load()) {
+            return;
+        }
         std::string path = prefix + name;
         struct stat st;
         if (lstat(path.c_str(), &st) != 0) {
@@ -367,12 +390,6 @@ int ScanFolders(const ScanOptions& options) {
         return kExitEngine;
     }
     unsigned unchanged = 0;
-    g_Interrupted.store(false);
-    struct sigaction action, previous;
-    memset(&action, 0, sizeof(action));
-    action.sa_handler = OnInterrupt;
-    sigemptyset(&action.sa_mask);
-    sigaction(SIGINT, &action, &previous);
 
     Progress progress(stderr, walk.files.size(), walk.bytes);
     unsigned stored = 0, refused = 0;
@@ -432,13 +449,11 @@ int ScanFolders(const ScanOptions& options) {
             // the row; either way the scan goes on.
             ++refused;
         } else {
-            sigaction(SIGINT, &previous, nullptr);
             fprintf(stderr, "zelkctl: %s\n", StatusMessage(options.db, rc).c_str());
             return kExitEngine;
         }
     }
     const bool interrupted = g_Interrupted.load();
-    sigaction(SIGINT, &previous, nullptr);
     if (!options.noProgress) {
         std::lock_guard<std::mutex> lock(pool.ProgressMutex());
         progress.Finish();
@@ -483,6 +498,7 @@ int ScanFolders(const ScanOptions& options) {
 }
 
 int RunScan(const LogOptions& log, const ScanOptions& options) {
+    InterruptGuard guard;
     EngineSession session(log);
     if (!session.Start(options.db)) {
         return kExitEngine;
