@@ -1,11 +1,14 @@
 // zelkctl import, export, metrics, config and purge: thin wrappers over one
 // exported function each.
 #include <cjson/cJSON.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <memory>
 
 #include "Commands.h"
+#include "DbRead.h"
+#include "Snapshot.h"
 
 namespace zelkctl {
 namespace {
@@ -54,6 +57,7 @@ Json ExportToRuleset(const cJSON* doc, bool& trustRules) {
             }
             CopyKey(row, "procUser", rule, "user");
             CopyKey(row, "procGroup", rule, "group");
+            // Numbers in the export, texts or numbers in a document.
         } else {
             for (const char* key : {"sha256", "sha1", "md5", "size", "fileName"}) {
                 CopyKey(row, key, rule, key);
@@ -63,6 +67,10 @@ Json ExportToRuleset(const cJSON* doc, bool& trustRules) {
             cJSON_AddStringToObject(rule, "action", allowed ? "allow" : "block");
         }
         cJSON_AddItemToArray(list, rule);
+    }
+    // zelkctl's trust-rule export carries the user lists its rules name.
+    if (trustRules) {
+        CopyKey(doc, "Userlists", out.get(), "Userlists");
     }
     return out;
 }
@@ -77,8 +85,9 @@ long RulesImported(EngineSession& session, const std::string& name) {
 
 }  // namespace
 
-int ImportFile(EngineSession& session, const std::string& file, const std::string& name,
-               bool incremental, bool quiet) {
+int ImportFile(EngineSession& session, const ImportRequest& request) {
+    const std::string& file = request.file;
+    const std::string& name = request.name;
     bool ok = false;
     std::string text = ReadWholeFile(file, ok);
     if (!ok) {
@@ -89,49 +98,71 @@ int ImportFile(EngineSession& session, const std::string& file, const std::strin
     Json doc(cJSON_Parse(text.c_str()));
     bool trustRules = false;
     Json converted = doc ? ExportToRuleset(doc.get(), trustRules) : nullptr;
+    if (converted && trustRules != (kind == DocKind::kTrustRules)) {
+        fprintf(stderr, "zelkctl: %s: an export of %s; give it a --name that %s \"TrustRules\"\n",
+                file.c_str(), trustRules ? "trust rules" : "inventory rows",
+                trustRules ? "contains" : "does not contain");
+        return kExitUsage;
+    }
+    std::string buffer = converted ? Print(converted.get(), false) : std::string();
+
+    // The engine takes what it can from any document and replaces that kind
+    // of content with it; the user hears here what lint would say.
+    LintReport report = LintDocument(converted ? buffer : text, kind);
+    for (const std::string& finding : report.findings) {
+        fprintf(stderr, "zelkctl: %s: %s: %s\n", file.c_str(),
+                report.errors != 0 && !request.force ? "refused" : "warning", finding.c_str());
+    }
+    if (report.errors != 0 && !request.force) {
+        fprintf(stderr,
+                "zelkctl: %s: not imported: %zu finding%s would empty or weaken the policy it "
+                "replaces (see zelkctl lint; --force imports it anyway)\n",
+                file.c_str(), report.errors, report.errors == 1 ? "" : "s");
+        return kExitBlocked;
+    }
+
+    PolicyCounts before, after;
+    const bool counted = !request.db.empty() && CountPolicy(request.db, before);
     uint32_t rc;
     if (converted) {
-        if (trustRules != (kind == DocKind::kTrustRules)) {
-            fprintf(stderr,
-                    "zelkctl: %s: an export of %s; give it a --name that %s \"TrustRules\"\n",
-                    file.c_str(), trustRules ? "trust rules" : "inventory rows",
-                    trustRules ? "contains" : "does not contain");
-            return kExitUsage;
-        }
-        std::string buffer = Print(converted.get(), false);
-        rc = set_ruleset_buffer(incremental, buffer.c_str(), name.c_str());
+        rc = set_ruleset_buffer(request.incremental, buffer.c_str(), name.c_str());
     } else {
-        // The engine takes every element as it comes (odd digests decoded,
-        // numbers read as strtol reads them); the administrator hears here
-        // what lint would say about the document.
-        bool readable = false;
-        const std::string text = ReadWholeFile(file, readable);
-        if (readable && !quiet) {
-            size_t elements = 0;
-            const std::vector<std::string> findings = LintText(text, name, elements);
-            const size_t shown = std::min<size_t>(findings.size(), 20);
-            for (size_t i = 0; i < shown; ++i) {
-                fprintf(stderr, "zelkctl: warning: %s:%s\n", file.c_str(), findings[i].c_str());
-            }
-            if (findings.size() > shown) {
-                fprintf(stderr, "zelkctl: warning: %s: %zu more findings (zelkctl lint %s)\n",
-                        file.c_str(), findings.size() - shown, file.c_str());
-            }
-        }
-        rc = set_ruleset(incremental, file.c_str(), name.c_str());
+        rc = set_ruleset(request.incremental, file.c_str(), name.c_str());
     }
     if (rc != ZELK_STATUS_SUCCESS) {
         fprintf(stderr, "zelkctl: %s\n", StatusMessage(file, rc).c_str());
         return kExitEngine;
     }
-    if (!quiet) {
+    if (!request.quiet) {
         long count = RulesImported(session, name);
         printf("imported %s as '%s' (%s%s%s)", file.c_str(), name.c_str(), KindName(kind),
-               converted ? ", from an export" : "", incremental ? ", incremental" : "");
+               converted ? ", from an export" : "", request.incremental ? ", incremental" : "");
         if (count >= 0) {
             printf(": %ld %s", count, kind == DocKind::kTrustRules ? "trust rules" : "rules");
         }
         printf("\n");
+        // An agent manifest replaces more than its own rules; say what went.
+        if (counted && CountPolicy(request.db, after)) {
+            std::string removed;
+            auto add = [&removed](long long gone, const char* what) {
+                if (gone > 0) {
+                    removed += (removed.empty() ? "" : ", ") + std::to_string(gone) + " " + what;
+                }
+            };
+            if (kind != DocKind::kHashRuleset) {
+                add(before.rulesetRules - after.rulesetRules, "hash-ruleset rules");
+            }
+            if (kind != DocKind::kTrustRules) {
+                add(before.trustRules - after.trustRules, "trust rules");
+                add(before.userLists - after.userLists, "user lists");
+            }
+            if (kind != DocKind::kAgentManifest) {
+                add(before.agentRules - after.agentRules, "agent-manifest rules");
+            }
+            if (!removed.empty()) {
+                printf("removed with it: %s\n", removed.c_str());
+            }
+        }
     }
     return kExitOk;
 }
@@ -141,8 +172,13 @@ int RunImport(const LogOptions& log, const ImportOptions& options) {
     if (!session.Start(options.db)) {
         return kExitEngine;
     }
-    std::string name = options.name.empty() ? DefaultRulesetName(options.file) : options.name;
-    return ImportFile(session, options.file, name, options.incremental, false);
+    ImportRequest request;
+    request.file = options.file;
+    request.name = options.name.empty() ? DefaultRulesetName(options.file) : options.name;
+    request.incremental = options.incremental;
+    request.force = options.force;
+    request.db = options.db;
+    return ImportFile(session, request);
 }
 
 int RunExport(const LogOptions& log, const ExportOptions& options) {
@@ -158,6 +194,34 @@ int RunExport(const LogOptions& log, const ExportOptions& options) {
     }
     bool ok = false;
     Json doc(cJSON_Parse(ReadWholeFile(options.out, ok).c_str()));
+    if (options.trustRules && doc) {
+        // Rules limited to a user list are useless without the list.
+        UserLists lists;
+        std::string error;
+        if (!ReadUserLists(options.db, lists, error)) {
+            fprintf(stderr, "zelkctl: %s: cannot read the user lists: %s\n", options.db.c_str(),
+                    error.c_str());
+            return kExitEngine;
+        }
+        cJSON* array = cJSON_AddArrayToObject(doc.get(), "Userlists");
+        for (const auto& list : lists) {
+            cJSON* entry = cJSON_CreateObject();
+            cJSON_AddStringToObject(entry, "id", list.first.c_str());
+            cJSON* users = cJSON_AddArrayToObject(entry, "users");
+            for (const std::string& user : list.second) {
+                cJSON_AddItemToArray(users, cJSON_CreateString(user.c_str()));
+            }
+            cJSON_AddItemToArray(array, entry);
+        }
+        std::string text = Print(doc.get(), true);
+        FILE* out = fopen(options.out.c_str(), "w");
+        if (out == nullptr || fputs(text.c_str(), out) < 0 || fclose(out) != 0) {
+            fprintf(stderr, "zelkctl: %s: cannot write: %s\n", options.out.c_str(),
+                    strerror(errno));
+            return kExitEngine;
+        }
+        printf("exported %zu user lists with the trust rules\n", lists.size());
+    }
     const cJSON* count = cJSON_GetObjectItemCaseSensitive(doc.get(), "count");
     const cJSON* last = cJSON_GetObjectItemCaseSensitive(doc.get(), "lastId");
     printf("exported %s to %s", options.trustRules ? "trust rules" : "inventory rows",
@@ -170,6 +234,11 @@ int RunExport(const LogOptions& log, const ExportOptions& options) {
 }
 
 int RunMetrics(const LogOptions& log, const std::string& db, bool pretty) {
+    // Starting the engine on a mistyped path would create an empty database
+    // and report its metrics as if they were the real one's.
+    if (!DatabaseExists(db)) {
+        return kExitEngine;
+    }
     EngineSession session(log);
     if (!session.Start(db)) {
         return kExitEngine;
@@ -195,14 +264,37 @@ int RunConfig(const LogOptions& log, const ConfigOptions& options) {
                   (options.rulesetExists ? ZELK_CONFIG_RULESET_EXISTS : 0) |
                   (options.allowlistInventory ? ZELK_CONFIG_ALLOWLIST_INVENTORY : 0);
     if (!options.maintenance.empty()) {
-        if (!ParseWindow(options.maintenance, modes.maintenanceStart, modes.maintenanceEnd)) {
-            fprintf(stderr, "zelkctl: --maintenance wants START,END in milliseconds or \"now\"\n");
+        std::string error;
+        if (!CheckWindow(options.maintenance, modes.maintenanceStart, modes.maintenanceEnd,
+                         error)) {
+            fprintf(stderr, "zelkctl: %s\n", error.c_str());
             return kExitUsage;
         }
         modes.flags |= ZELK_CONFIG_AUTO_AUTHORIZE;
     }
     EngineSession session(log);
-    if (!session.Start(options.db) || !ApplyModes(modes)) {
+    if (!session.Start(options.db)) {
+        return kExitEngine;
+    }
+    // The engine recovers the last window from the database at every start
+    // and goes on approving by it, so a window that is still running is
+    // closed now: it opens once more, and a closing call ends it at this
+    // moment.
+    long long storedStart = 0, storedEnd = 0;
+    bool closedNow = false;
+    if ((modes.flags & ZELK_CONFIG_AUTO_AUTHORIZE) == 0 &&
+        ReadStoredWindow(options.db, storedStart, storedEnd) &&
+        static_cast<uint64_t>(storedEnd) > hostkit::NowMillis()) {
+        HostModes reopen = modes;
+        reopen.flags |= ZELK_CONFIG_AUTO_AUTHORIZE;
+        reopen.maintenanceStart = static_cast<uint64_t>(storedStart);
+        reopen.maintenanceEnd = static_cast<uint64_t>(storedEnd);
+        if (!ApplyModes(reopen)) {
+            return kExitEngine;
+        }
+        closedNow = true;
+    }
+    if (!ApplyModes(modes)) {
         return kExitEngine;
     }
     std::string error;
@@ -211,10 +303,54 @@ int RunConfig(const LogOptions& log, const ConfigOptions& options) {
         return kExitEngine;
     }
     printf("modes: %s (kept in %s)\n", DescribeModes(modes).c_str(), ModesPath(options.db).c_str());
+    printf("maintenance window: %s\n", DescribeWindow(modes).c_str());
+    if (closedNow) {
+        printf("closed the window the database still held (%s .. %s) at %s\n",
+               FormatMillis(static_cast<uint64_t>(storedStart)).c_str(),
+               FormatMillis(static_cast<uint64_t>(storedEnd)).c_str(),
+               FormatMillis(hostkit::NowMillis()).c_str());
+    }
+    if (ReadStoredWindow(options.db, storedStart, storedEnd)) {
+        printf("window stored in the database: %s .. %s\n",
+               FormatMillis(static_cast<uint64_t>(storedStart)).c_str(),
+               FormatMillis(static_cast<uint64_t>(storedEnd)).c_str());
+    }
     return kExitOk;
 }
 
-int RunPurge(const LogOptions& log, const std::string& db, unsigned source) {
+int RunModes(const std::string& db) {
+    HostModes modes;
+    std::string error;
+    if (!LoadModes(db, modes, error)) {
+        fprintf(stderr, "zelkctl: %s\n", error.c_str());
+        return kExitUsage;
+    }
+    printf("modes: %s\n", DescribeModes(modes).c_str());
+    printf("maintenance window: %s\n", DescribeWindow(modes).c_str());
+    printf("kept in: %s%s\n", ModesPath(db).c_str(),
+           access(ModesPath(db).c_str(), F_OK) == 0 ? "" : " (not written yet: defaults)");
+    long long start = 0, end = 0;
+    if (access(db.c_str(), F_OK) == 0 && ReadStoredWindow(db, start, end)) {
+        printf("window stored in the database: %s .. %s%s\n",
+               FormatMillis(static_cast<uint64_t>(start)).c_str(),
+               FormatMillis(static_cast<uint64_t>(end)).c_str(),
+               static_cast<uint64_t>(end) > hostkit::NowMillis()
+                   ? " (still running: the engine recovers it at start; zelkctl config closes it)"
+                   : "");
+    }
+    return kExitOk;
+}
+
+int RunPurge(const LogOptions& log, const std::string& db, unsigned source, bool yes) {
+    if (source == 0 && !yes) {
+        fprintf(stderr,
+                "zelkctl: purge --source 0 removes the whole inventory, every ruleset and "
+                "every trust rule; add --yes to do it\n");
+        return kExitUsage;
+    }
+    if (!DatabaseExists(db)) {
+        return kExitEngine;
+    }
     EngineSession session(log);
     if (!session.Start(db)) {
         return kExitEngine;

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -15,6 +16,7 @@
 #include "Commands.h"
 #include "HostDigest.h"
 #include "HostEvent.h"
+#include "Snapshot.h"
 #include "Verdict.h"
 
 namespace zelkctl {
@@ -43,13 +45,38 @@ bool ResolveModes(const std::string& db, const ModeOptions& options, HostModes& 
         modes.flags &= ~ZELK_CONFIG_LOCKDOWN;
     }
     if (!options.maintenance.empty()) {
-        if (!ParseWindow(options.maintenance, modes.maintenanceStart, modes.maintenanceEnd)) {
-            fprintf(stderr, "zelkctl: --maintenance wants START,END in milliseconds or \"now\"\n");
+        std::string error;
+        if (!CheckWindow(options.maintenance, modes.maintenanceStart, modes.maintenanceEnd,
+                         error)) {
+            fprintf(stderr, "zelkctl: %s\n", error.c_str());
             exit = kExitUsage;
             return false;
         }
         modes.flags |= ZELK_CONFIG_AUTO_AUTHORIZE;
     }
+    return true;
+}
+
+bool DecisionDatabase(const std::string& db, bool record, bool allowMissing, Snapshot& snapshot,
+                      std::string& path) {
+    const bool missing = access(db.c_str(), F_OK) != 0 && errno == ENOENT;
+    if (missing && allowMissing) {
+        fprintf(stderr, "zelkctl: %s does not exist: starting from an empty database%s\n",
+                db.c_str(), record ? "" : " (not kept)");
+        if (record) {
+            path = db;
+            return true;
+        }
+    } else if (record) {
+        path = db;
+        return DatabaseExists(db);
+    }
+    std::string error;
+    if (!(missing && allowMissing ? snapshot.Empty(error) : snapshot.Take(db, error))) {
+        fprintf(stderr, "zelkctl: %s\n", error.c_str());
+        return false;
+    }
+    path = snapshot.Path();
     return true;
 }
 
@@ -114,10 +141,16 @@ int RunCheck(const LogOptions& log, const CheckOptions& options) {
         targets.push_back(std::move(t));
     }
 
-    EngineSession session(log);
-    if (!session.Start(options.db) || !ApplyModes(modes)) {
+    Snapshot snapshot;
+    std::string dbPath;
+    if (!DecisionDatabase(options.db, options.record, false, snapshot, dbPath)) {
         return kExitEngine;
     }
+    EngineSession session(log);
+    if (!session.Start(dbPath) || !ApplyModes(modes)) {
+        return kExitEngine;
+    }
+    session.TakeErrorCount();
     // --json: one document with every verdict, printed at the end.
     std::unique_ptr<cJSON, decltype(&cJSON_Delete)> json(
         options.json ? cJSON_CreateObject() : nullptr, cJSON_Delete);
@@ -139,6 +172,7 @@ int RunCheck(const LogOptions& log, const CheckOptions& options) {
         uint32_t rc = app_ctl(&raw, &response);
         std::vector<std::string> reasoning = session.TakeCaptured();
         session.Capture(0);
+        const unsigned errors = session.TakeErrorCount();
         if (rc != ZELK_STATUS_SUCCESS && rc != ZELK_STATUS_BLOCKED &&
             !(rc == ZELK_STATUS_FAILURE && response.action == ZELK_ACTION_ERROR)) {
             fprintf(stderr, "zelkctl: %s\n", StatusMessage(t.path, rc).c_str());
@@ -164,10 +198,17 @@ int RunCheck(const LogOptions& log, const CheckOptions& options) {
         } else {
             PrintVerdictText(t.path, word, v, response, reasoning);
         }
-        if (v.kind == VerdictKind::kError && result != kExitBlocked) {
-            result = kExitEngine;
+        if (errors != 0) {
+            fprintf(stderr,
+                    "zelkctl: %s: the engine reported %u error%s while deciding; the verdict "
+                    "cannot be trusted (see --log-level error)\n",
+                    t.path.c_str(), errors, errors == 1 ? "" : "s");
         }
-        if (IsBlock(v.kind)) {
+        // An error outweighs a block: a script must not read a verdict from a
+        // damaged store as policy.
+        if (v.kind == VerdictKind::kError || errors != 0) {
+            result = kExitEngine;
+        } else if (IsBlock(v.kind) && result != kExitEngine) {
             result = kExitBlocked;
         }
     }

@@ -157,7 +157,10 @@ int RunDemo(const LogOptions& logIn, const DemoOptions& options, bool logGiven) 
     const std::pair<fs::path, const char*> imports[] = {
         {manifest, "demo-agent-manifest"}, {ruleset, "demo-ruleset"}, {trust, "demo-trustrules"}};
     for (const auto& import : imports) {
-        rc = ImportFile(session, import.first.string(), import.second, false, false);
+        ImportRequest request;
+        request.file = import.first.string();
+        request.name = import.second;
+        rc = ImportFile(session, request);
         if (rc != kExitOk) {
             return rc;
         }

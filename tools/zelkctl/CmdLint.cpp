@@ -3,7 +3,9 @@
 // author probably did not mean.
 #include <cjson/cJSON.h>
 
+#include <cctype>
 #include <cstring>
+#include <map>
 #include <set>
 
 #include "Commands.h"
@@ -12,21 +14,21 @@
 namespace zelkctl {
 namespace {
 
+// Collects into a LintReport: an error is a finding that would empty or
+// weaken the policy the document replaces.
 class Findings {
   public:
+    explicit Findings(LintReport& report) : m_Report(report) {}
     void Add(const std::string& where, const std::string& what) {
-        m_Lines.push_back("  " + where + ": " + what);
+        m_Report.findings.push_back(where + ": " + what);
     }
-    size_t Count() const { return m_Lines.size(); }
-    const std::vector<std::string>& Lines() const { return m_Lines; }
-    void Print() const {
-        for (const std::string& line : m_Lines) {
-            printf("%s\n", line.c_str());
-        }
+    void Error(const std::string& where, const std::string& what) {
+        m_Report.findings.push_back(where + ": " + what + " [weakens policy]");
+        ++m_Report.errors;
     }
 
   private:
-    std::vector<std::string> m_Lines;
+    LintReport& m_Report;
 };
 
 std::string Where(const char* array, int index, const char* key = nullptr) {
@@ -56,27 +58,41 @@ void CheckDigest(const cJSON* element, const char* key, size_t bytes, const std:
                          "there pair by pair and leaves the rest 0, a digest no file has");
         return;
     }
+    // The importer decodes such characters anyway, into a digest no file has.
     if (!hostkit::FromHex(item->valuestring, out.data(), bytes)) {
         findings.Add(where + "." + key,
-                     "holds characters that are not hexadecimal: the engine decodes them as "
-                     "if they were, a digest no file has");
+                     "holds characters that are not hexadecimal: stored as a digest that "
+                     "matches no file");
         return;
     }
     present = true;
 }
 
-// A number, or a text of decimal digits, as the importer reads sizes and
-// trust types.  Sets `value`; false when it is neither.
-bool ReadInteger(const cJSON* item, long long& value) {
+// Reads a size or trust type as the importer does: a number, or a text
+// converted like strtol ("12abc" is 12, "abc" is 0).  Sets `value`; names in
+// `problem` what the author probably did not mean.
+bool ReadInteger(const cJSON* item, long long& value, std::string& problem) {
+    problem.clear();
     if (cJSON_IsNumber(item)) {
         value = static_cast<long long>(item->valuedouble);
-        return item->valuedouble == static_cast<double>(value);
+        if (item->valuedouble != static_cast<double>(value)) {
+            problem = "not a whole number: read as " + std::to_string(value);
+        }
+        return problem.empty();
     }
-    if (cJSON_IsString(item) && item->valuestring[0] != '\0') {
+    if (cJSON_IsString(item)) {
         char* end = nullptr;
         value = strtoll(item->valuestring, &end, 10);
-        return *end == '\0';
+        if (end == item->valuestring) {
+            problem = "\"" + std::string(item->valuestring) + "\" is not a number: read as 0";
+        } else if (*end != '\0') {
+            problem = "\"" + std::string(item->valuestring) + "\" has trailing text: read as " +
+                      std::to_string(value);
+        }
+        return problem.empty();
     }
+    value = 0;
+    problem = "not a number: read as 0";
     return false;
 }
 
@@ -101,13 +117,16 @@ void CheckUnknownKeys(const cJSON* element, const std::set<std::string>& known,
 size_t LintHashRules(const cJSON* root, Findings& findings) {
     const cJSON* rules = cJSON_GetObjectItemCaseSensitive(root, "rules");
     if (rules == nullptr) {
-        findings.Add("document", "no \"rules\" array: nothing would be imported");
+        findings.Error("document", "no \"rules\" array: nothing would be imported");
         return 0;
     }
     if (!cJSON_IsArray(rules)) {
-        findings.Add("rules", "not an array: nothing would be imported");
+        findings.Error("rules", "not an array: nothing would be imported");
         return 0;
     }
+    // Lower-case SHA-256 -> (index, allows) of its first rule.
+    std::map<std::string, std::pair<int, bool>> seen;
+    int usable = 0;
     static const std::set<std::string> kKnown = {"sha256", "sha1",   "md5",
                                                  "size",   "action", "fileName"};
     int index = 0;
@@ -123,6 +142,7 @@ size_t LintHashRules(const cJSON* root, Findings& findings) {
         CheckDigest(rule, "sha256", 32, where, findings, sha256);
         CheckDigest(rule, "sha1", 20, where, findings, sha1);
         CheckDigest(rule, "md5", 16, where, findings, md5);
+        usable += (sha256 || sha1 || md5) ? 1 : 0;
         if (!sha256 && !sha1 && !md5) {
             findings.Add(where, "no usable digest: the rule can never match a file");
         } else if (!sha256) {
@@ -133,10 +153,9 @@ size_t LintHashRules(const cJSON* root, Findings& findings) {
         const cJSON* size = cJSON_GetObjectItemCaseSensitive(rule, "size");
         long long sizeValue = 0;
         if (size != nullptr && !cJSON_IsNull(size)) {
-            if (!ReadInteger(size, sizeValue)) {
-                findings.Add(where + ".size",
-                             "not a whole number: the engine reads it as strtol does (\"12abc\" is "
-                             "12, \"abc\" is 0, and 0 matches any size)");
+            std::string problem;
+            if (!ReadInteger(size, sizeValue, problem)) {
+                findings.Add(where + ".size", problem + (sizeValue == 0 ? " (any size)" : ""));
             } else if (sizeValue < 0) {
                 findings.Add(where + ".size", "negative size: the rule can never match a file");
             }
@@ -150,9 +169,24 @@ size_t LintHashRules(const cJSON* root, Findings& findings) {
                                                       "\" is neither allow nor block: "
                                                       "stored as allowed");
         }
+        const bool allows = text.compare(0, 5, "block") != 0;
+        if (sha256) {
+            std::string key = cJSON_GetObjectItemCaseSensitive(rule, "sha256")->valuestring;
+            for (char& c : key) {
+                c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+            }
+            auto first = seen.emplace(key, std::make_pair(index, allows));
+            if (!first.second && first.first->second.second != allows) {
+                findings.Error(where, "allows what " + Where("rules", first.first->second.first) +
+                                          " blocks, or the reverse: which one holds depends on "
+                                          "the order of the import");
+            }
+        }
     }
     if (index == 0) {
-        findings.Add("rules", "empty: nothing would be imported");
+        findings.Error("rules", "empty: nothing would be imported");
+    } else if (usable == 0) {
+        findings.Error("rules", "no rule has a usable digest: the import would leave nothing");
     }
     return static_cast<size_t>(index);
 }
@@ -171,9 +205,9 @@ size_t LintTrustRules(const cJSON* root, Findings& findings) {
     const cJSON* rules = cJSON_GetObjectItemCaseSensitive(root, "Trustrules");
     const cJSON* lists = cJSON_GetObjectItemCaseSensitive(root, "Userlists");
     if (rules == nullptr && lists == nullptr) {
-        findings.Add("document",
-                     "neither \"Trustrules\" nor \"Userlists\": nothing would be "
-                     "imported");
+        findings.Error("document",
+                       "neither \"Trustrules\" nor \"Userlists\": nothing would be "
+                       "imported");
         return 0;
     }
     static const std::set<std::string> kKnown = {
@@ -184,6 +218,11 @@ size_t LintTrustRules(const cJSON* root, Findings& findings) {
         "processName", "paths",   "signerName", "productName", "companyName",
         "issuerCN",    "issuerC", "issuerS",    "issuerL",     "issuerO",
         "issuerOU",    "user",    "group",      "userList"};
+    // Keys that narrow what a rule matches; a rule with none matches all.
+    static const std::set<std::string> kConditions = {
+        "processName", "paths",    "signerName", "productName", "companyName",
+        "sha256",      "issuerCN", "issuerC",    "issuerS",     "issuerL",
+        "issuerO",     "issuerOU", "user",       "group",       "userList"};
     std::set<std::string> listIds;
     if (lists != nullptr && !cJSON_IsArray(lists)) {
         findings.Add("Userlists", "not an array: no user list would be imported");
@@ -219,7 +258,7 @@ size_t LintTrustRules(const cJSON* root, Findings& findings) {
         return 0;
     }
     if (!cJSON_IsArray(rules)) {
-        findings.Add("Trustrules", "not an array: no trust rule would be imported");
+        findings.Error("Trustrules", "not an array: no trust rule would be imported");
         return 0;
     }
     int index = 0;
@@ -233,13 +272,28 @@ size_t LintTrustRules(const cJSON* root, Findings& findings) {
         CheckTexts(rule, kTexts, where, findings);
         const cJSON* type = cJSON_GetObjectItemCaseSensitive(rule, "trustType");
         long long typeValue = 0;
+        std::string problem;
         if (type == nullptr) {
             findings.Add(where + ".trustType", "missing: stored as 0, which matches every type");
-        } else if (!ReadInteger(type, typeValue)) {
-            findings.Add(where + ".trustType", "not a whole number: stored as 0 (every type)");
-        } else if (typeValue < 0 || typeValue > 4) {
+        } else if (!ReadInteger(type, typeValue, problem)) {
+            findings.Add(where + ".trustType", problem);
+        }
+        if (typeValue < 0 || typeValue > 4) {
             findings.Add(where + ".trustType",
                          std::to_string(typeValue) + " is outside 0 to 4: the rule never applies");
+        } else if (typeValue == 0) {
+            findings.Add(where + ".trustType",
+                         "0 applies as every type, block by target (4) included: the files it "
+                         "matches are also blocked");
+        }
+        bool anyCondition = false;
+        for (const std::string& key : kConditions) {
+            const cJSON* value = cJSON_GetObjectItemCaseSensitive(rule, key.c_str());
+            anyCondition |= cJSON_IsString(value) && value->valuestring[0] != '\0';
+        }
+        if (!anyCondition && typeValue >= 0 && typeValue <= 4) {
+            findings.Error(where, typeValue == 4 ? "no condition: the rule blocks every file"
+                                                 : "no condition: the rule trusts every file");
         }
         bool sha256 = false;
         CheckDigest(rule, "sha256", 32, where, findings, sha256);
@@ -281,21 +335,19 @@ size_t LintTrustRules(const cJSON* root, Findings& findings) {
         }
     }
     if (index == 0 && (lists == nullptr || cJSON_GetArraySize(lists) == 0)) {
-        findings.Add("Trustrules", "empty: nothing would be imported");
+        findings.Error("Trustrules", "empty: nothing would be imported");
     }
     return static_cast<size_t>(index);
 }
 
 }  // namespace
 
-std::vector<std::string> LintText(const std::string& text, const std::string& name,
-                                  size_t& elements) {
-    DocKind kind = KindForName(name);
-    Findings findings;
-    elements = 0;
-    cJSON* root = cJSON_ParseWithLength(text.data(), text.size());
-    if (root == nullptr) {
-        const char* where = cJSON_GetErrorPtr();
+LintReport LintDocument(const std::string& text, DocKind kind) {
+    LintReport report;
+    Findings findings(report);
+    const char* parseEnd = nullptr;
+    cJSON* root = cJSON_ParseWithLengthOpts(text.data(), text.size(), &parseEnd, false);
+    auto lineAt = [&text](const char* where) {
         size_t offset =
             where != nullptr && where >= text.data() && where <= text.data() + text.size()
                 ? static_cast<size_t>(where - text.data())
@@ -304,18 +356,37 @@ std::vector<std::string> LintText(const std::string& text, const std::string& na
         for (size_t i = 0; i < offset; ++i) {
             line += text[i] == '\n';
         }
-        findings.Add("document", text.empty() ? "empty file"
-                                              : "not valid JSON near line " + std::to_string(line) +
-                                                    ": the import would fail");
-    } else if (!cJSON_IsObject(root)) {
-        findings.Add("document", "not a JSON object: nothing would be imported");
-    } else if (kind == DocKind::kTrustRules) {
-        elements = LintTrustRules(root, findings);
+        return line;
+    };
+    if (root == nullptr) {
+        findings.Error("document", text.empty() ? "empty file"
+                                                : "not valid JSON near line " +
+                                                      std::to_string(lineAt(cJSON_GetErrorPtr())) +
+                                                      ": the import would fail");
     } else {
-        elements = LintHashRules(root, findings);
+        // The importer reads the first document and ignores the rest, so a
+        // second document or a stray fragment is silently lost.
+        const char* rest = parseEnd;
+        const char* stop = text.data() + text.size();
+        while (rest != nullptr && rest < stop &&
+               (isspace(static_cast<unsigned char>(*rest)) || *rest == '\0')) {
+            ++rest;
+        }
+        if (rest != nullptr && rest < stop) {
+            findings.Error("document", "text after the document at line " +
+                                           std::to_string(lineAt(rest)) +
+                                           ": the importer reads only the first document");
+        }
+        if (!cJSON_IsObject(root)) {
+            findings.Error("document", "not a JSON object: nothing would be imported");
+        } else if (kind == DocKind::kTrustRules) {
+            report.elements = LintTrustRules(root, findings);
+        } else {
+            report.elements = LintHashRules(root, findings);
+        }
     }
     cJSON_Delete(root);
-    return findings.Lines();
+    return report;
 }
 
 int RunLint(const LintOptions& options) {
@@ -327,15 +398,19 @@ int RunLint(const LintOptions& options) {
     }
     std::string name = options.name.empty() ? DefaultRulesetName(options.file) : options.name;
     DocKind kind = KindForName(name);
-    size_t elements = 0;
-    const std::vector<std::string> findings = LintText(text, name, elements);
-    printf("%s: %s '%s', %zu %s, %zu finding%s\n", options.file.c_str(), KindName(kind),
-           name.c_str(), elements, kind == DocKind::kTrustRules ? "trust rules" : "rules",
-           findings.size(), findings.size() == 1 ? "" : "s");
-    for (const std::string& line : findings) {
-        printf("%s\n", line.c_str());
+    LintReport report = LintDocument(text, kind);
+    size_t count = report.findings.size();
+    printf("%s: %s '%s', %zu %s, %zu finding%s", options.file.c_str(), KindName(kind), name.c_str(),
+           report.elements, kind == DocKind::kTrustRules ? "trust rules" : "rules", count,
+           count == 1 ? "" : "s");
+    if (report.errors != 0) {
+        printf(", %zu weaken%s policy", report.errors, report.errors == 1 ? "s" : "");
     }
-    return findings.empty() ? kExitOk : kExitBlocked;
+    printf("\n");
+    for (const std::string& line : report.findings) {
+        printf("  %s\n", line.c_str());
+    }
+    return count == 0 ? kExitOk : kExitBlocked;
 }
 
 }  // namespace zelkctl

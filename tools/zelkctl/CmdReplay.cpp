@@ -6,6 +6,7 @@
 #include <fstream>
 
 #include "Commands.h"
+#include "Snapshot.h"
 #include "TraceParser.h"
 #include "Verdict.h"
 
@@ -140,6 +141,10 @@ int ReplayTrace(const ReplayRun& run, std::string* summary) {
     if (summary != nullptr) {
         *summary = totals.Summary();
     }
+    if (totals.events == 0) {
+        fprintf(stderr, "zelkctl: %s: no valid event line\n", run.trace.c_str());
+        return kExitUsage;
+    }
     return kExitOk;
 }
 
@@ -164,15 +169,27 @@ int RunReplay(const LogOptions& log, const ReplayOptions& options) {
         }
         run.vars.emplace_back(var.substr(0, eq), var.substr(eq + 1));
     }
+    Snapshot snapshot;
+    std::string dbPath;
+    if (!DecisionDatabase(options.db, options.record, true, snapshot, dbPath)) {
+        return kExitEngine;
+    }
     EngineSession session(log);
-    if (!session.Start(options.db)) {
+    if (!session.Start(dbPath)) {
         return kExitEngine;
     }
     for (const std::string& spec : options.rulesets) {
         std::string file, name;
         hostkit::SplitRulesetSpec(spec, file, name);
-        // Each ruleset adds to the store; a replay never throws away policy.
-        int rc = ImportFile(session, file, name, true, options.format != "table");
+        // Each ruleset adds to the store, and only to the snapshot unless
+        // --record: a what-if may use any document.
+        ImportRequest request;
+        request.file = file;
+        request.name = name;
+        request.incremental = true;
+        request.quiet = options.format != "table";
+        request.force = true;
+        int rc = ImportFile(session, request);
         if (rc != kExitOk) {
             return rc;
         }

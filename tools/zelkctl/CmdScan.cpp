@@ -1,22 +1,27 @@
 // zelkctl scan: builds the inventory from folders, as a host's first scan.
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <climits>
 #include <condition_variable>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <mutex>
+#include <set>
 #include <string>
 #include <system_error>
 #include <thread>
 #include <vector>
 
 #include "Commands.h"
+#include "DbRead.h"
 #include "HostDigest.h"
 #include "PersistRule.h"
 #include "Progress.h"
@@ -28,14 +33,158 @@ struct Candidate {
     std::string dir;  // with the trailing "/"
     std::string name;
     uint64_t size;
+    // From a package's md5sums: the file is trusted only if it still matches.
+    bool hasMd5 = false;
+    uint8_t md5[16] = {};
+    std::string package;
 };
 
 struct WalkResult {
     std::vector<Candidate> files;
     std::vector<std::pair<std::string, std::string>> unreadable;  // path, reason
+    std::vector<std::pair<std::string, std::string>> changed;     // path, package
     uint64_t bytes = 0;
-    unsigned skippedByName = 0, symlinks = 0, otherTypes = 0, otherFilesystems = 0;
+    unsigned skippedByName = 0, byContent = 0, symlinks = 0, otherTypes = 0, otherFilesystems = 0;
+    unsigned packages = 0, packageFiles = 0, missing = 0;
 };
+
+// Set by SIGINT: the scan stops after the file it is storing and says what
+// it kept.
+std::atomic<bool> g_Interrupted{false};
+
+void OnInterrupt(int) {
+    g_Interrupted.store(true);
+}
+
+// SIGINT sets g_Interrupted while this lives, from before the engine starts
+// so that the store is never left mid-batch by the default action.
+class InterruptGuard {
+  public:
+    InterruptGuard() {
+        g_Interrupted.store(false);
+        struct sigaction action;
+        memset(&action, 0, sizeof(action));
+        action.sa_handler = OnInterrupt;
+        sigemptyset(&action.sa_mask);
+        sigaction(SIGINT, &action, &m_Previous);
+    }
+    ~InterruptGuard() { sigaction(SIGINT, &m_Previous, nullptr); }
+    InterruptGuard(const InterruptGuard&) = delete;
+    InterruptGuard& operator=(const InterruptGuard&) = delete;
+
+  private:
+    struct sigaction m_Previous;
+};
+
+// Programs whose names look like data files (vim.basic, mkfs.bfs,
+// update-rc.d) are still programs: an ELF image or a "#!" script is kept
+// whatever it is called.
+bool ExecutableByContent(const std::string& path) {
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+    if (fd < 0) {
+        return false;
+    }
+    unsigned char head[4] = {};
+    ssize_t n = read(fd, head, sizeof(head));
+    close(fd);
+    return (n >= 4 && memcmp(head,
+                             "\x7f"
+                             "ELF",
+                             4) == 0) ||
+           (n >= 2 && head[0] == '#' && head[1] == '!');
+}
+
+// Adds one regular file if its name or its content says it is code.
+void Consider(const std::string& prefix, const std::string& name, const struct stat& st,
+              WalkResult& result, Candidate* seed = nullptr) {
+    bool keep = hostkit::ShouldPersistFile(name);
+    if (!keep && ExecutableByContent(prefix + name)) {
+        keep = true;
+        ++result.byContent;
+    }
+    if (!keep) {
+        ++result.skippedByName;
+        return;
+    }
+    Candidate c = seed != nullptr ? *seed : Candidate();
+    c.dir = prefix;
+    c.name = name;
+    c.size = static_cast<uint64_t>(st.st_size);
+    result.files.push_back(std::move(c));
+    result.bytes += static_cast<uint64_t>(st.st_size);
+}
+
+// The files installed Debian packages own, from dpkg's md5sums lists under
+// `root`.  Each keeps the digest dpkg recorded for it.
+void WalkPackages(const std::string& root, WalkResult& result) {
+    const std::string base = root == "/" ? "" : root;
+    const std::string info = base + "/var/lib/dpkg/info";
+    DIR* d = opendir(info.c_str());
+    if (d == nullptr) {
+        result.unreadable.emplace_back(info, strerror(errno));
+        return;
+    }
+    std::vector<std::string> lists;
+    while (struct dirent* entry = readdir(d)) {
+        std::string name = entry->d_name;
+        const std::string suffix = ".md5sums";
+        if (name.size() > suffix.size() &&
+            name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0) {
+            lists.push_back(name);
+        }
+    }
+    closedir(d);
+    std::sort(lists.begin(), lists.end());
+    for (const std::string& list : lists) {
+        FILE* f = fopen((info + "/" + list).c_str(), "r");
+        if (f == nullptr) {
+            result.unreadable.emplace_back(info + "/" + list, strerror(errno));
+            continue;
+        }
+        ++result.packages;
+        Candidate seed;
+        seed.package = list.substr(0, list.size() - strlen(".md5sums"));
+        char* line = nullptr;
+        size_t capacity = 0;
+        ssize_t length;
+        while ((length = getline(&line, &capacity, f)) > 0) {
+            std::string text(line, static_cast<size_t>(length));
+            while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) {
+                text.pop_back();
+            }
+            // "<32 hex>  <path relative to the root>"
+            if (text.size() < 35 || text[32] != ' ' ||
+                !hostkit::FromHex(text.substr(0, 32), seed.md5, 16)) {
+                continue;
+            }
+            size_t start = text.find_first_not_of(' ', 32);
+            if (start == std::string::npos) {
+                continue;
+            }
+            std::string rel = text.substr(start);
+            std::string path = base + (rel[0] == '/' ? rel : "/" + rel);
+            ++result.packageFiles;
+            struct stat st;
+            if (lstat(path.c_str(), &st) != 0) {
+                ++result.missing;
+                continue;
+            }
+            if (S_ISLNK(st.st_mode)) {
+                ++result.symlinks;
+                continue;
+            }
+            if (!S_ISREG(st.st_mode)) {
+                ++result.otherTypes;
+                continue;
+            }
+            seed.hasMd5 = true;
+            size_t slash = path.find_last_of('/');
+            Consider(path.substr(0, slash + 1), path.substr(slash + 1), st, result, &seed);
+        }
+        free(line);
+        fclose(f);
+    }
+}
 
 // Depth-first, entries in name order so that two scans of one tree store the
 // rows in the same order.  Never follows a symbolic link; stays on `rootDev`
@@ -56,6 +205,9 @@ void Walk(const std::string& dir, dev_t rootDev, bool cross, WalkResult& result)
     std::sort(names.begin(), names.end());
     const std::string prefix = dir.back() == '/' ? dir : dir + "/";
     for (const std::string& name : names) {
+        if (g_Interrupted.load()) {
+            return;
+        }
         std::string path = prefix + name;
         struct stat st;
         if (lstat(path.c_str(), &st) != 0) {
@@ -72,11 +224,8 @@ void Walk(const std::string& dir, dev_t rootDev, bool cross, WalkResult& result)
             Walk(path, rootDev, cross, result);
         } else if (!S_ISREG(st.st_mode)) {
             ++result.otherTypes;
-        } else if (!hostkit::ShouldPersistFile(name)) {
-            ++result.skippedByName;
         } else {
-            result.files.push_back({prefix, name, static_cast<uint64_t>(st.st_size)});
-            result.bytes += static_cast<uint64_t>(st.st_size);
+            Consider(prefix, name, st, result);
         }
     }
 }
@@ -190,16 +339,57 @@ unsigned DigestThreads(unsigned requested) {
 
 int ScanFolders(const ScanOptions& options) {
     WalkResult walk;
+    if (options.dirs.empty() && !options.packages) {
+        fprintf(stderr, "zelkctl: scan wants folders or files, or --packages\n");
+        return kExitUsage;
+    }
     for (const std::string& dir : options.dirs) {
         char resolved[PATH_MAX];
         struct stat st;
         if (realpath(dir.c_str(), resolved) == nullptr || stat(resolved, &st) != 0 ||
-            !S_ISDIR(st.st_mode)) {
-            fprintf(stderr, "zelkctl: %s: not a readable folder\n", dir.c_str());
+            (!S_ISDIR(st.st_mode) && !S_ISREG(st.st_mode))) {
+            fprintf(stderr, "zelkctl: %s: not a readable folder or file\n", dir.c_str());
             return kExitUsage;
         }
-        Walk(resolved, st.st_dev, options.crossFilesystems, walk);
+        if (S_ISDIR(st.st_mode)) {
+            Walk(resolved, st.st_dev, options.crossFilesystems, walk);
+            continue;
+        }
+        // A file named on the command line is wanted whatever its name.
+        std::string path = resolved;
+        size_t slash = path.find_last_of('/');
+        Candidate c;
+        c.dir = path.substr(0, slash + 1);
+        c.name = path.substr(slash + 1);
+        c.size = static_cast<uint64_t>(st.st_size);
+        walk.files.push_back(c);
+        walk.bytes += c.size;
     }
+    if (options.packages) {
+        WalkPackages(options.packageRoot, walk);
+    }
+    // A folder given twice, or a file two packages list, is stored once.
+    {
+        std::set<std::string> seen;
+        std::vector<Candidate> unique;
+        unique.reserve(walk.files.size());
+        for (Candidate& c : walk.files) {
+            if (seen.insert(c.dir + c.name).second) {
+                unique.push_back(std::move(c));
+            }
+        }
+        walk.files.swap(unique);
+    }
+    // What the inventory already holds with the same content is not stored
+    // again: a rescan adds only new and changed files.
+    std::set<std::string> existing;
+    std::string readError;
+    if (!ReadScannedRows(options.db, existing, readError)) {
+        fprintf(stderr, "zelkctl: %s: cannot read the scanned rows: %s\n", options.db.c_str(),
+                readError.c_str());
+        return kExitEngine;
+    }
+    unsigned unchanged = 0;
 
     Progress progress(stderr, walk.files.size(), walk.bytes);
     unsigned stored = 0, refused = 0;
@@ -211,7 +401,8 @@ int ScanFolders(const ScanOptions& options) {
         addBytes = [&progress](uint64_t n) { progress.AddBytes(n); };
     }
     DigestPool pool(walk.files, threads > 1 ? threads : 0, addBytes);
-    for (size_t index = 0; index < walk.files.size(); ++index) {
+    size_t index = 0;
+    for (; index < walk.files.size() && !g_Interrupted.load(); ++index) {
         const Candidate& file = walk.files[index];
         const std::string full = file.dir + file.name;
         const DigestPool::Result& result = pool.Wait(index);
@@ -225,6 +416,18 @@ int ScanFolders(const ScanOptions& options) {
         }
         const hostkit::FileDigests& digests = result.digests;
         hashedBytes += digests.size;
+        if (file.hasMd5 && memcmp(file.md5, digests.md5, sizeof(file.md5)) != 0) {
+            walk.changed.emplace_back(full, file.package);
+            continue;
+        }
+        std::string hex = hostkit::ToHex(digests.sha256, 32);
+        for (char& ch : hex) {
+            ch = static_cast<char>(toupper(static_cast<unsigned char>(ch)));
+        }
+        if (!existing.insert(full + "\n" + hex).second) {
+            ++unchanged;
+            continue;
+        }
 
         ac_db_item_s item;
         memset(&item, 0, sizeof(item));
@@ -250,6 +453,7 @@ int ScanFolders(const ScanOptions& options) {
             return kExitEngine;
         }
     }
+    const bool interrupted = g_Interrupted.load();
     if (!options.noProgress) {
         std::lock_guard<std::mutex> lock(pool.ProgressMutex());
         progress.Finish();
@@ -262,13 +466,30 @@ int ScanFolders(const ScanOptions& options) {
         }
     }
 
+    if (interrupted) {
+        printf("interrupted after %zu of %zu files: %u stored as scanned items, kept\n", index,
+               walk.files.size(), stored);
+        return kExitInterrupted;
+    }
     printf("scanned %zu files (%s): %u stored as scanned items, %u refused by the store\n",
            walk.files.size(), Progress::Bytes(static_cast<double>(hashedBytes)).c_str(), stored,
            refused);
+    printf("already in the inventory unchanged: %u\n", unchanged);
+    if (walk.byContent != 0) {
+        printf("kept by content (ELF or #!) though not by name: %u\n", walk.byContent);
+    }
     printf(
         "skipped: %u not persisted by name, %u symbolic links, %u other file types, "
         "%u folders on other file systems\n",
         walk.skippedByName, walk.symlinks, walk.otherTypes, walk.otherFilesystems);
+    if (options.packages) {
+        printf("packages: %u with digest lists, %u files listed, %u missing\n", walk.packages,
+               walk.packageFiles, walk.missing);
+        printf("changed since installed (not trusted): %zu\n", walk.changed.size());
+        for (const auto& entry : walk.changed) {
+            printf("  %s (package %s)\n", entry.first.c_str(), entry.second.c_str());
+        }
+    }
     printf("unreadable: %zu\n", walk.unreadable.size());
     for (const auto& entry : walk.unreadable) {
         printf("  %s: %s\n", entry.first.c_str(), entry.second.c_str());
@@ -277,6 +498,7 @@ int ScanFolders(const ScanOptions& options) {
 }
 
 int RunScan(const LogOptions& log, const ScanOptions& options) {
+    InterruptGuard guard;
     EngineSession session(log);
     if (!session.Start(options.db)) {
         return kExitEngine;

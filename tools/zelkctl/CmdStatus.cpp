@@ -15,6 +15,7 @@
 #include "CmdAgent.h"
 #include "Commands.h"
 #include "ControlChannel.h"
+#include "DbRead.h"
 #include "Progress.h"
 #include "Verdict.h"
 
@@ -67,7 +68,7 @@ const char* TrustTypeName(int type) {
 
 }  // namespace
 
-int RunStatus(const std::string& dbPath) {
+int RunStatus(const std::string& dbPath, bool integrity) {
     struct stat st;
     if (stat(dbPath.c_str(), &st) != 0) {
         fprintf(stderr, "zelkctl: %s: no database: %s\n", dbPath.c_str(), strerror(errno));
@@ -114,6 +115,23 @@ int RunStatus(const std::string& dbPath) {
                      Text(s, 1).empty() ? "(empty)" : Text(s, 1).c_str());
           });
 
+    int exit = kExitOk;
+    if (integrity) {
+        std::vector<std::string> problems;
+        if (CheckIntegrity(dbPath, problems)) {
+            printf("integrity:       ok\n");
+        } else {
+            printf("integrity:       DAMAGED (%zu problem%s)\n", problems.size(),
+                   problems.size() == 1 ? "" : "s");
+            for (size_t i = 0; i < problems.size() && i < 20; ++i) {
+                printf("  %s\n", problems[i].c_str());
+            }
+            fprintf(stderr, "zelkctl: %s: the database is damaged: %s\n", dbPath.c_str(),
+                    problems.empty() ? "integrity check failed" : problems[0].c_str());
+            exit = kExitEngine;
+        }
+    }
+
     printf("inventory rows by source:\n");
     bool any = false;
     if (!Query(db.get(),
@@ -124,7 +142,12 @@ int RunStatus(const std::string& dbPath) {
                    printf("  %d %-20s %lld\n", source, SourceName(static_cast<uint32_t>(source)),
                           static_cast<long long>(sqlite3_column_int64(s, 1)));
                })) {
-        printf("  (no inventory table)\n");
+        // Every schema the engine writes has this table: a database whose
+        // table cannot be read is damaged or not the engine's.
+        printf("  (unreadable)\n");
+        fprintf(stderr, "zelkctl: %s: cannot read the inventory: %s\n", dbPath.c_str(),
+                sqlite3_errmsg(db.get()));
+        exit = kExitEngine;
     } else if (!any) {
         printf("  (none)\n");
     }
@@ -172,7 +195,7 @@ int RunStatus(const std::string& dbPath) {
     if (!any) {
         printf("  (none)\n");
     }
-    return kExitOk;
+    return exit;
 }
 
 }  // namespace zelkctl

@@ -16,7 +16,9 @@ struct ScanOptions {
     bool crossFilesystems = false;
     std::string ruleset;  // stored with each item; empty by default
     bool noProgress = false;
-    unsigned jobs = 0;  // digest threads; 0: up to two, as the machine allows
+    unsigned jobs = 0;              // digest threads; 0: up to two, as the machine allows
+    bool packages = false;          // also the files installed Debian packages own
+    std::string packageRoot = "/";  // where dpkg's database and the files are
 };
 int RunScan(const LogOptions& log, const ScanOptions& options);
 // The scan itself, on an engine already started.
@@ -37,6 +39,7 @@ struct CheckOptions {
     std::string user;
     bool verbose = false;
     bool json = false;
+    bool record = false;  // decide on the database itself, not on a copy
 };
 int RunCheck(const LogOptions& log, const CheckOptions& options);
 
@@ -47,26 +50,33 @@ struct ReplayOptions {
     std::vector<std::string> vars;      // NAME=VALUE for ${NAME} in the trace
     ModeOptions modes;
     std::string format = "table";
+    bool record = false;
 };
 int RunReplay(const LogOptions& log, const ReplayOptions& options);
 
-int RunStatus(const std::string& db);
+int RunStatus(const std::string& db, bool integrity);
 
 struct LintOptions {
     std::string file;
     std::string name;
 };
 int RunLint(const LintOptions& options);
-// What lint finds in a document's text (empty: nothing); `elements` gets the
-// number of rules.  The importer warns with the same lines.
-std::vector<std::string> LintText(const std::string& text, const std::string& name,
-                                  size_t& elements);
+
+// What lint finds in a document of `kind`; `errors` counts the findings that
+// would empty or weaken the policy the document replaces.
+struct LintReport {
+    size_t elements = 0;
+    size_t errors = 0;
+    std::vector<std::string> findings;
+};
+LintReport LintDocument(const std::string& text, DocKind kind);
 
 struct ImportOptions {
     std::string db;
     std::string file;
     std::string name;
     bool incremental = false;
+    bool force = false;  // import even what lint says would weaken policy
 };
 int RunImport(const LogOptions& log, const ImportOptions& options);
 
@@ -92,7 +102,10 @@ struct ConfigOptions {
 };
 int RunConfig(const LogOptions& log, const ConfigOptions& options);
 
-int RunPurge(const LogOptions& log, const std::string& db, unsigned source);
+int RunPurge(const LogOptions& log, const std::string& db, unsigned source, bool yes);
+
+// Prints the modes kept beside `db`; changes nothing.
+int RunModes(const std::string& db);
 
 struct DemoOptions {
     std::string dir = "demo-scratch";
@@ -106,11 +119,29 @@ int RunDemo(const LogOptions& log, const DemoOptions& options, bool logGiven);
 // message printed on a usage error.
 bool ResolveModes(const std::string& db, const ModeOptions& options, HostModes& modes, int& exit);
 
+// The database a deciding command starts the engine on: `db` itself with
+// `record`, else a private copy in `snapshot`.  With `allowMissing` a
+// database that does not exist is an empty one in the snapshot's place (a
+// what-if from nothing).  False with the error printed.
+class Snapshot;
+bool DecisionDatabase(const std::string& db, bool record, bool allowMissing, Snapshot& snapshot,
+                      std::string& path);
+
 // Imports one ruleset file through set_ruleset and prints how many rules it
 // brought.  Documents written by `zelkctl export` are turned back into the
 // ruleset or trust-rule document they came from first.
-int ImportFile(EngineSession& session, const std::string& file, const std::string& name,
-               bool incremental, bool quiet);
+// The document is linted first: findings are printed as warnings, and one that
+// would empty or weaken the policy it replaces stops the import unless
+// `force`.  With `db`, what the import removed besides is printed.
+struct ImportRequest {
+    std::string file;
+    std::string name;
+    bool incremental = false;
+    bool quiet = false;
+    bool force = false;
+    std::string db;
+};
+int ImportFile(EngineSession& session, const ImportRequest& request);
 
 // Replays a trace through app_ctl; shared by replay and demo.  `strip` is
 // removed from the front of paths in the table.

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <fstream>
 #include <mutex>
 #include <sstream>
@@ -21,6 +22,7 @@ struct LogSink {
     FILE* out = stderr;
     unsigned captureMask = 0;
     std::vector<std::string> captured;
+    unsigned errors = 0;  // ERROR messages other than lifecycle chatter
 };
 
 LogSink& Sink() {
@@ -50,6 +52,9 @@ int OnEngineLog(unsigned level, unsigned line, const char* function, const char*
     if (shown) {
         fprintf(sink.out, "[%s] %s:%u %s: %s\n", hostkit::LevelName(level), file ? file : "?", line,
                 function ? function : "?", text.c_str());
+    }
+    if (level == ZELK_LOG_ERROR && !IsLifecycleChatter(text)) {
+        ++sink.errors;
     }
     if (level & sink.captureMask) {
         sink.captured.push_back(text);
@@ -88,6 +93,7 @@ EngineSession::~EngineSession() {
     }
     sink.captureMask = 0;
     sink.captured.clear();
+    sink.errors = 0;
 }
 
 bool EngineSession::Start(const std::string& dbPath) {
@@ -128,6 +134,14 @@ std::vector<std::string> EngineSession::TakeCaptured() {
     std::vector<std::string> out;
     out.swap(sink.captured);
     return out;
+}
+
+unsigned EngineSession::TakeErrorCount() {
+    LogSink& sink = Sink();
+    std::lock_guard<std::mutex> lock(sink.mutex);
+    unsigned errors = sink.errors;
+    sink.errors = 0;
+    return errors;
 }
 
 std::string EngineSession::Metrics() {
@@ -219,11 +233,71 @@ bool SaveModes(const std::string& dbPath, const HostModes& modes, std::string& e
     return true;
 }
 
+namespace {
+
+// Anything later is a typo or an overflow, not a maintenance window.
+constexpr uint64_t kLastMillis = 253402300799999ULL;  // 9999-12-31 23:59:59.999 UTC
+// Earlier than March 1973 in milliseconds, but a plausible date in seconds.
+constexpr uint64_t kSecondsLookAlike = 100000000000ULL;
+
+}  // namespace
+
+std::string FormatMillis(uint64_t millis) {
+    time_t seconds = static_cast<time_t>(millis / 1000);
+    struct tm tm;
+    char text[64];
+    if (millis > kLastMillis || gmtime_r(&seconds, &tm) == nullptr ||
+        strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S UTC", &tm) == 0) {
+        return std::to_string(millis) + " ms";
+    }
+    return text;
+}
+
+bool CheckWindow(const std::string& text, uint64_t& start, uint64_t& end, std::string& error) {
+    size_t comma = text.find(',');
+    if (!ParseWindow(text, start, end)) {
+        error = "--maintenance wants START,END in milliseconds since the epoch or \"now\"";
+        return false;
+    }
+    const std::string names[2] = {"START " + text.substr(0, comma),
+                                  "END " + text.substr(comma + 1)};
+    const uint64_t values[2] = {start, end};
+    for (int i = 0; i < 2; ++i) {
+        if (values[i] > kLastMillis) {
+            error = "--maintenance " + names[i] + " is past the year 9999: too large a number";
+            return false;
+        }
+        if (values[i] != 0 && values[i] < kSecondsLookAlike) {
+            error = "--maintenance " + names[i] +
+                    " looks like seconds; times are milliseconds since the epoch (" +
+                    std::to_string(values[i]) + "000 is " + FormatMillis(values[i] * 1000) + ")";
+            return false;
+        }
+    }
+    if (end <= start) {
+        error = "--maintenance END (" + FormatMillis(end) + ") is not after START (" +
+                FormatMillis(start) + ")";
+        return false;
+    }
+    return true;
+}
+
+std::string DescribeWindow(const HostModes& modes) {
+    if ((modes.flags & ZELK_CONFIG_AUTO_AUTHORIZE) == 0) {
+        return "closed";
+    }
+    uint64_t now = hostkit::NowMillis();
+    const char* state = now < modes.maintenanceStart ? "opens later"
+                        : now < modes.maintenanceEnd ? "open now"
+                                                     : "over";
+    return FormatMillis(modes.maintenanceStart) + " .. " + FormatMillis(modes.maintenanceEnd) +
+           " (" + state + ")";
+}
+
 std::string DescribeModes(const HostModes& modes) {
     std::string text = (modes.flags & ZELK_CONFIG_LOCKDOWN) ? "lockdown" : "log-only";
     if (modes.flags & ZELK_CONFIG_AUTO_AUTHORIZE) {
-        text += ", maintenance " + std::to_string(modes.maintenanceStart) + ".." +
-                std::to_string(modes.maintenanceEnd);
+        text += ", maintenance " + DescribeWindow(modes);
     }
     if (modes.flags & ZELK_CONFIG_INVENTORY_EXISTS) {
         text += ", inventory exists";

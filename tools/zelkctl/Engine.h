@@ -14,7 +14,13 @@
 namespace zelkctl {
 
 // Exit codes of every command.
-enum ExitCode { kExitOk = 0, kExitBlocked = 1, kExitUsage = 2, kExitEngine = 3 };
+enum ExitCode {
+    kExitOk = 0,
+    kExitBlocked = 1,
+    kExitUsage = 2,
+    kExitEngine = 3,
+    kExitInterrupted = 130  // stopped by SIGINT, as a shell reports it
+};
 
 // Global options.
 struct LogOptions {
@@ -47,6 +53,11 @@ class EngineSession {
     void Capture(unsigned mask);
     std::vector<std::string> TakeCaptured();
 
+    // How many errors the engine reported since the last call.  A verdict
+    // reached while it reported errors (a damaged database, say) cannot be
+    // trusted.
+    unsigned TakeErrorCount();
+
     // The metrics document, or empty with the status printed.
     std::string Metrics();
 
@@ -65,8 +76,16 @@ std::string ModesPath(const std::string& dbPath);
 // Missing file: default modes, true.  Unreadable or malformed: false.
 bool LoadModes(const std::string& dbPath, HostModes& modes, std::string& error);
 bool SaveModes(const std::string& dbPath, const HostModes& modes, std::string& error);
-// "lockdown, maintenance 1000..2000" or "log-only".
+// "lockdown, maintenance 2026-01-01 10:00:00 UTC .. ... (open now)" or
+// "log-only".
 std::string DescribeModes(const HostModes& modes);
+// "closed", or the window as dates and whether it is open now.
+std::string DescribeWindow(const HostModes& modes);
+std::string FormatMillis(uint64_t millis);
+
+// Parses --maintenance START,END and refuses what is surely a mistake: END
+// not after START, a time in seconds, a number past any date.
+bool CheckWindow(const std::string& text, uint64_t& start, uint64_t& end, std::string& error);
 
 // Applies `modes` with set_config; prints the error and returns false.
 bool ApplyModes(const HostModes& modes);

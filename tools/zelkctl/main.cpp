@@ -42,9 +42,17 @@ int main(int argc, char** argv) {
     int exitCode = kExitOk;
 
     ScanOptions scan;
-    CLI::App* scanCmd = app.add_subcommand("scan", "Build the inventory from folders");
+    CLI::App* scanCmd = app.add_subcommand(
+        "scan", "Build the inventory from folders, files, or what Debian packages installed");
     scanCmd->add_option("--db", scan.db, "Database file")->required();
-    scanCmd->add_option("dirs", scan.dirs, "Folders to walk")->required();
+    scanCmd->add_option("dirs", scan.dirs,
+                        "Folders to walk (programs are kept by name or content: ELF, #!) and "
+                        "files to store whatever their name; a rescan stores only what changed");
+    scanCmd->add_flag("--packages", scan.packages,
+                      "Also the files installed Debian packages own, each checked against the "
+                      "MD5 dpkg recorded; a file that no longer matches is reported, not stored");
+    scanCmd->add_option("--package-root", scan.packageRoot,
+                        "Root holding var/lib/dpkg and the files (default /)");
     scanCmd->add_flag("--cross-filesystems", scan.crossFilesystems,
                       "Descend into folders on other file systems");
     scanCmd->add_option("--ruleset", scan.ruleset, "Ruleset name stored with each item");
@@ -62,6 +70,9 @@ int main(int argc, char** argv) {
     checkCmd->add_option("--user", check.user, "User that starts the file (default: you)");
     checkCmd->add_flag("-v,--verbose", check.verbose, "Show the engine's reasoning");
     checkCmd->add_flag("--json", check.json, "Print the verdicts as one JSON document");
+    checkCmd->add_flag("--record", check.record,
+                       "Decide on the database itself, keeping what the engine stores (hit "
+                       "counts, approved drift); by default a private copy is used");
 
     ReplayOptions replay;
     CLI::App* replayCmd = app.add_subcommand("replay", "Replay a JSONL event trace");
@@ -71,14 +82,25 @@ int main(int argc, char** argv) {
                           "Import FILE[:NAME] (added to the store) before the replay");
     replayCmd->add_option("--set", replay.vars, "NAME=VALUE for ${NAME} in the trace");
     AddModeOptions(replayCmd, replay.modes);
+    replayCmd->add_flag("--record", replay.record,
+                        "Replay on the database itself and keep what the events and --ruleset "
+                        "imports store; by default a private copy is used");
     replayCmd->add_option("--format", replay.format, "table or jsonl")
         ->check(CLI::IsMember({"table", "jsonl"}));
     replayCmd->footer(std::string("Event types: ") + hostkit::EventNames() +
                       ", or a raw code number.");
 
     std::string statusDb;
+    bool statusCheck = false;
     CLI::App* statusCmd = app.add_subcommand("status", "Show what a database holds");
     statusCmd->add_option("--db", statusDb, "Database file")->required();
+    statusCmd->add_flag("--check", statusCheck,
+                        "Also run SQLite's integrity check (exit 3 when the file is damaged)");
+
+    std::string modesDb;
+    CLI::App* modesCmd =
+        app.add_subcommand("modes", "Show the modes kept beside a database, changing nothing");
+    modesCmd->add_option("--db", modesDb, "Database file")->required();
 
     LintOptions lint;
     CLI::App* lintCmd = app.add_subcommand(
@@ -95,6 +117,13 @@ int main(int argc, char** argv) {
                           "a trust-rule document (default: the file name)");
     importCmd->add_flag("--incremental", import.incremental,
                         "Add to the store instead of replacing that kind of content");
+    importCmd->add_flag("--force", import.force,
+                        "Import even a document that lint says would empty or weaken the "
+                        "policy it replaces");
+    importCmd->footer(
+        "An import replaces what its kind owns: a hash ruleset its own rules, a trust-rule "
+        "document every trust rule and user list, and an agent manifest every agent rule, "
+        "hash-ruleset rule, trust rule and user list. What went is printed.");
 
     ExportOptions exportOpts;
     CLI::App* exportCmd = app.add_subcommand("export", "Export inventory rows or trust rules");
@@ -135,6 +164,8 @@ int main(int argc, char** argv) {
                      "5 prelink, 6 trust rules and user lists")
         ->required()
         ->check(CLI::Range(0, 6));
+    bool purgeYes = false;
+    purgeCmd->add_flag("--yes", purgeYes, "Confirm --source 0 (everything)");
 
     DemoOptions demo;
     CLI::App* demoCmd = app.add_subcommand(
@@ -165,7 +196,9 @@ int main(int argc, char** argv) {
     } else if (*replayCmd) {
         exitCode = RunReplay(log, replay);
     } else if (*statusCmd) {
-        exitCode = RunStatus(statusDb);
+        exitCode = RunStatus(statusDb, statusCheck);
+    } else if (*modesCmd) {
+        exitCode = RunModes(modesDb);
     } else if (*lintCmd) {
         exitCode = RunLint(lint);
     } else if (*importCmd) {
@@ -177,7 +210,7 @@ int main(int argc, char** argv) {
     } else if (*configCmd) {
         exitCode = RunConfig(log, configOpts);
     } else if (*purgeCmd) {
-        exitCode = RunPurge(log, purgeDb, purgeSource);
+        exitCode = RunPurge(log, purgeDb, purgeSource, purgeYes);
     } else if (*demoCmd) {
         exitCode = RunDemo(log, demo, logGiven);
     } else if (*agent.command) {
